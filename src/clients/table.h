@@ -1,0 +1,56 @@
+// The client table: record bookkeeping, lookup and slot choice, expiry, and
+// the small helpers the main loop and the notifier use. Main thread only.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "clients/record.h"
+
+namespace daemon_core {
+struct DaemonContext;
+}
+
+namespace clients {
+
+// Start-up: stores the owner in every slot and resets each bandwidth block.
+void init_records(daemon_core::DaemonContext& ctx);
+
+// Empties one record: removes its portal route (ip set) and its shaping
+// (mac set), zeroes the station fields. owner, portal, the rest of the
+// bandwidth block and vlan_pool_slot are kept; ifindex becomes 0.
+void clear_record(ClientRecord& record);
+
+// Clears every record that disassociated 1801 or more uptime seconds ago,
+// printing "check_expired: expired, clear_record(<i>) <ifname>:<mac>".
+// Always 0.
+int check_expired(daemon_core::DaemonContext& ctx);
+
+// The station's record for (mac, ifindex), or the slot to use for it. When
+// no record matches, slot is a fresh slot (client_count grows), a free slot
+// inside the used range, or the oldest record when all 256 are in use.
+// walk_end is client_count as it was before the call.
+struct Lookup {
+  bool found = false;
+  int slot = 0;
+  std::uint32_t walk_end = 0;
+};
+Lookup lookup_record(daemon_core::DaemonContext& ctx, std::string_view mac, int ifindex);
+
+// The interface of a station whose interface is not given: the associated
+// record with the latest association, else the "create_client_table" query;
+// -1 when neither knows.
+int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view mac);
+
+// state := code, state_time := now, holdoff_deadline := now + 190 (code 11)
+// or now + 70, and the context's next deadline recomputed.
+void stamp_record_state(ClientRecord& record, std::uint8_t code);
+void clear_pending_code(ClientRecord& record);
+// Smallest holdoff_deadline above 0 among records in use; 0 when none.
+std::int64_t earliest_deadline(const daemon_core::DaemonContext& ctx);
+// current := 0 on every slot with this MAC except keep.
+void clear_current_elsewhere(daemon_core::DaemonContext& ctx, std::string_view mac, int keep);
+// Stations associated on the VAP, as the driver reports them; 0 on failure.
+int find_cli_num(int ifindex);
+
+}  // namespace clients

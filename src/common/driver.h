@@ -1,0 +1,34 @@
+// Interface ioctls, all in one place: the hardware address of an interface,
+// the name of an interface index, and the wireless driver's private
+// station-information request.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace common {
+
+using HwAddr = std::array<std::uint8_t, 6>;
+
+// SIOCGIFHWADDR on a fresh IPv4 datagram socket; nullopt on any failure.
+// The name is cut to 15 characters.
+std::optional<HwAddr> driver_hwaddr(const std::string& ifname);
+
+// SIOCGIFNAME on the given socket; "" when the request fails.
+std::string driver_ifname(int socket_fd, int ifindex);
+
+// The station-information request (SIOCDEVPRIVATE + 6) with a 65535-byte
+// result buffer; the byte length the driver returned.
+enum class StationInfoError { kNone, kSocket, kRequest };
+struct StationInfo {
+  StationInfoError error = StationInfoError::kNone;
+  int length = 0;
+};
+StationInfo driver_station_info(const std::string& ifname);
+
+// Size of one station entry in the driver's table.
+inline constexpr int kStationEntrySize = 520;
+
+}  // namespace common

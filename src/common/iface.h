@@ -1,0 +1,30 @@
+// Interface numbers and names. "/etc/dev_lan_if" lists the LAN-side
+// wireless interfaces, one a line; the line number is the interface number.
+// Without a listed name an interface number n is called "ath<n>".
+#pragma once
+
+#include <array>
+#include <string>
+#include <string_view>
+
+namespace common {
+
+inline constexpr const char* kDevLanIfPath = "/etc/dev_lan_if";
+inline constexpr std::size_t kInterfaceSlots = 16;
+// Names longer than this are cut to it (the table holds 20-byte entries).
+inline constexpr std::size_t kInterfaceNameMax = 19;
+
+using InterfaceTable = std::array<std::string, kInterfaceSlots>;
+
+// Clears the table and fills it from "/etc/dev_lan_if" (at most 16 lines,
+// each up to its first CR or LF). A missing file leaves the table empty.
+void read_interface_from_file(InterfaceTable& table);
+
+// The line number of an exactly equal listed name; else the number in
+// "ath%d"; else 0.
+int get_interface_idx_by_name(std::string_view name);
+
+// The listed name of the number, or "ath<number>".
+std::string get_interface_name_by_idx(int index);
+
+}  // namespace common
