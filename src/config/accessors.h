@@ -34,6 +34,11 @@ int get_wlan_id(int ath);
 // out.size() of them and returns the count scanned (0 when absent, -1 for an
 // empty value).
 int get_ath_id(int wlan, std::span<int> out);
+// The scan of a "WLAN%d_ATH_LIST" value with "%d %d %d %d": copies at most
+// out.size() of the numbers into out and returns the scan's count (-1 for a
+// value without any character but blanks, 0 when it does not begin with a
+// number).
+int scan_ath_list(std::string_view text, std::span<int> out);
 // "ATH%d_RADIO"; 0 when absent.
 int get_radio_id(int ath);
 // First number of "WLAN%d_RADIO_LIST"; 0 when absent.

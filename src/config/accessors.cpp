@@ -1,0 +1,178 @@
+#include "config/accessors.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "common/driver.h"
+#include "common/iface.h"
+#include "common/runner.h"
+#include "common/text.h"
+
+namespace config {
+
+namespace {
+
+// Status keys are formatted into a 64-byte buffer.
+constexpr std::size_t kStatusKeyMax = 63;
+constexpr std::size_t kMasterKeyBuffer = 64;
+// The per-WLAN readers go through a 128-byte buffer that keeps its
+// terminator.
+constexpr std::size_t kWlanValueMax = 127;
+constexpr std::size_t kRadioPrefixMax = 7;
+
+// atoi(): leading blanks, an optional sign, digits; 0 when there are none.
+int decimal_value(const std::string& text) {
+  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+std::optional<int> status_number(const std::string& key) {
+  auto value = get_wireless_status(key);
+  if (!value) return std::nullopt;
+  return decimal_value(*value);
+}
+
+std::atomic<int> g_radio_count{-1};
+
+std::mutex g_radio_prefix_mutex;
+std::string g_radio_prefix;  // guarded by g_radio_prefix_mutex
+
+std::optional<std::string> masterconf_value(const taglist* list, std::size_t length,
+                                            const char* key_pattern, va_list args) {
+  char key[kMasterKeyBuffer] = {};
+  int needed = std::vsnprintf(key, sizeof key, key_pattern, args);
+  if (needed < 0 || static_cast<std::size_t>(needed) >= sizeof key) return std::nullopt;
+  return common::cut(get_taglist_default(list, key, ""), length);
+}
+
+std::string wlan_value(const taglist* list, int ath, const char* name) {
+  return get_wlan_config_masterconf(list, kWlanValueMax, ath, name).value_or(std::string());
+}
+
+int portal_route(const char* verb, std::string_view destination, int bridge) {
+  return common::run_command(common::format_cut(127, "ip ro %s %s dev br%d table rt_portal", verb,
+                                                common::shell_word(destination).c_str(), bridge));
+}
+
+}  // namespace
+
+// --- wireless status
+
+std::optional<std::string> get_wireless_status(std::string_view key) {
+  TaglistPtr list = load_taglist_ex(kWirelessStatusPath, 1, nullptr);
+  if (!exist_taglist_key(list.get(), key)) return std::nullopt;
+  return std::string(get_taglist_default(list.get(), key, ""));
+}
+
+int get_radio_count() {
+  int cached = g_radio_count.load();
+  if (cached >= 0) return cached;
+  int count = status_number("WIFI_COUNT").value_or(0);
+  if (count <= 0) count = 1;
+  // Racing first callers read the same file and store the same value.
+  g_radio_count.store(count);
+  return count;
+}
+
+int get_wlan_id(int ath) {
+  return status_number(common::format_cut(kStatusKeyMax, "ATH%d_WLANID", ath)).value_or(ath + 1);
+}
+
+int scan_ath_list(std::string_view text, std::span<int> out) {
+  std::string copy(text);
+  int numbers[4] = {};
+  int scanned =
+      std::sscanf(copy.c_str(), "%d %d %d %d", &numbers[0], &numbers[1], &numbers[2], &numbers[3]);
+  for (int i = 0; i < scanned && static_cast<std::size_t>(i) < out.size(); ++i) out[i] = numbers[i];
+  return scanned;
+}
+
+int get_ath_id(int wlan, std::span<int> out) {
+  if (out.empty() || get_radio_count() < 1) return 0;
+  auto value = get_wireless_status(common::format_cut(kStatusKeyMax, "WLAN%d_ATH_LIST", wlan));
+  if (!value) return 0;
+  return scan_ath_list(*value, out);
+}
+
+int get_radio_id(int ath) {
+  return status_number(common::format_cut(kStatusKeyMax, "ATH%d_RADIO", ath)).value_or(0);
+}
+
+int get_radio_id_by_wlan(int wlan) {
+  return status_number(common::format_cut(kStatusKeyMax, "WLAN%d_RADIO_LIST", wlan)).value_or(0);
+}
+
+std::string get_radio_dev_name(int radio) {
+  return get_wireless_status(common::format_cut(kStatusKeyMax, "WIFI%d_DEV", radio))
+      .value_or("wifi0");
+}
+
+std::string get_radio_prefix_by_radio(int radio) {
+  auto value =
+      get_wireless_status(common::format_cut(kStatusKeyMax, "WIFI%d_RADIO_CONF_PREFIX", radio));
+  std::lock_guard<std::mutex> lock(g_radio_prefix_mutex);
+  if (value) g_radio_prefix = common::cut(*value, kRadioPrefixMax);
+  return g_radio_prefix;
+}
+
+std::string get_radio_prefix_by_ath(int ath) { return get_radio_prefix_by_radio(get_radio_id(ath)); }
+
+int get_snmp_trap_radio_band(int radio) {
+  auto value = get_wireless_status(common::format_cut(kStatusKeyMax, "WIFI%d_RADIO_POLICY", radio));
+  if (!value) return 0;
+  return (*value == "a" || *value == "na") ? 1 : 0;
+}
+
+// --- master configuration
+
+std::optional<std::string> get_config_masterconf(const taglist* list, std::size_t length,
+                                                 const char* key_pattern, ...) {
+  va_list args;
+  va_start(args, key_pattern);
+  auto value = masterconf_value(list, length, key_pattern, args);
+  va_end(args);
+  return value;
+}
+
+std::optional<std::string> get_wlan_config_masterconf(const taglist* list, std::size_t length,
+                                                      int ath, std::string_view name) {
+  std::string setting(name);
+  return get_config_masterconf(list, length, "WLAN%d_%s", get_wlan_id(ath), setting.c_str());
+}
+
+std::string get_wlan_ssid(const taglist* list, int ath) { return wlan_value(list, ath, "SSID"); }
+
+int get_vlan_id(const taglist* list, int ath) {
+  std::string value = wlan_value(list, ath, "VLANID");
+  int vlan = 0;
+  if (std::sscanf(value.c_str(), "%d", &vlan) != 1) return -1;
+  return vlan;
+}
+
+int is_wlan_portal_enabled(const taglist* list, int ath) {
+  std::string value = wlan_value(list, ath, "PORTAL");
+  return (value.starts_with("enable") || value.starts_with("incontrol")) ? 1 : 0;
+}
+
+// --- device
+
+std::string get_bssid(int ath) {
+  auto addr = common::driver_hwaddr(common::get_interface_name_by_idx(ath));
+  if (!addr) return std::string();
+  const auto& a = *addr;
+  return common::format("%02X:%02X:%02X:%02X:%02X:%02X", a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+// --- captive-portal routes
+
+int add_portal_route(std::string_view destination, int bridge) {
+  return portal_route("add", destination, bridge);
+}
+
+int del_portal_route(std::string_view destination, int bridge) {
+  return portal_route("del", destination, bridge);
+}
+
+}  // namespace config
