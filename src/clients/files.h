@@ -24,13 +24,13 @@ inline constexpr const char* kClientStatsPath = "/etc/client_accu_stat";
 
 // One line of the client lists:
 // "<ifname>:<mac> <ip> <assoc> <disassoc> <assocs> <disassocs> <first assoc>\n",
-// cut to 127 characters.
-std::string client_list_line(const ClientRecord& record);
+// cut to 127 characters. ifname is the name of the record's ifindex.
+std::string client_list_line(const ClientRecord& record, std::string_view ifname);
 
 // One line of the statistics file:
 // "<ifname>:<mac> <tx bytes> <rx bytes> <tx pkts> <rx pkts> <a> <e> <d> <c> <b>\n",
 // cut to 383 characters.
-std::string client_stats_line(const ClientRecord& record);
+std::string client_stats_line(const ClientRecord& record, std::string_view ifname);
 
 // The whole content of a client list / the statistics file: one line per
 // in-use record of slots 0 .. client_count-1 in slot order (the associated

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "clients/record.h"
@@ -41,6 +42,10 @@ Lookup lookup_record(daemon_core::DaemonContext& ctx, std::string_view mac, int 
 // record with the latest association, else the "create_client_table" query;
 // -1 when neither knows.
 int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view mac);
+// The interface name in a line of the "create_client_table" query, read as
+// "INTERFACE=\"%s\"": the line must open with INTERFACE=" and the name runs
+// to the next blank (a closing quote stays part of it); "" otherwise.
+std::string interface_from_query_line(std::string_view line);
 
 // state := code, state_time := now, holdoff_deadline := now + 190 (code 11)
 // or now + 70, and the context's next deadline recomputed.

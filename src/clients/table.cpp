@@ -1,0 +1,227 @@
+#include "clients/table.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cstdio>
+
+#include "bandwidth/shaping.h"
+#include "common/clock.h"
+#include "common/driver.h"
+#include "common/iface.h"
+#include "common/runner.h"
+#include "common/text.h"
+#include "config/accessors.h"
+#include "daemon/context.h"
+
+namespace clients {
+
+namespace {
+
+constexpr long kExpireAfter = 1801;             // uptime seconds after a disassociation
+constexpr std::int64_t kHoldoffAssoc = 180 + 10;  // after reporting an association
+constexpr std::int64_t kHoldoffOther = 60 + 10;   // after any other report
+constexpr std::size_t kQueryLineMax = 256;
+
+char ascii_lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool mac_equal(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    if (ascii_lower(a[i]) != ascii_lower(b[i])) return false;
+  return true;
+}
+
+std::string dotted(std::uint32_t ip) {
+  struct in_addr addr {};
+  addr.s_addr = ip;
+  char text[INET_ADDRSTRLEN] = {};
+  ::inet_ntop(AF_INET, &addr, text, sizeof text);
+  return text;
+}
+
+std::uint32_t used_range(const daemon_core::DaemonContext& ctx) {
+  return std::min<std::uint32_t>(ctx.client_count, kClientSlots);
+}
+
+}  // namespace
+
+std::string interface_from_query_line(std::string_view line) {
+  constexpr std::string_view kPrefix = "INTERFACE=\"";
+  if (!line.starts_with(kPrefix)) return std::string();
+  line.remove_prefix(kPrefix.size());
+  auto is_blank = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+  std::size_t begin = 0;
+  while (begin < line.size() && is_blank(line[begin])) ++begin;
+  std::size_t end = begin;
+  while (end < line.size() && !is_blank(line[end])) ++end;
+  return std::string(line.substr(begin, end - begin));
+}
+
+void init_records(daemon_core::DaemonContext& ctx) {
+  for (auto& record : ctx.records) {
+    record.owner = &ctx;
+    bandwidth::reset_bandwidth(record.bandwidth);
+  }
+}
+
+void clear_record(ClientRecord& record) {
+  if (record.ip != 0) config::del_portal_route(dotted(record.ip), record.vlan_id);
+  if (!record.mac.empty()) {
+    const config::taglist* conf = record.owner ? record.owner->masterconf.get() : nullptr;
+    bandwidth::remove_bandwidth(conf, record.mac, record.ifindex, record.bandwidth);
+    record.bandwidth.bw_slot = 0;
+  }
+  record.mac.clear();
+  record.ip = 0;
+  record.last_update = 0;
+  record.first_assoc_uptime = 0;
+  record.assoc_uptime = 0;
+  record.disassoc_uptime = 0;
+  record.assoc_count = 0;
+  record.disassoc_count = 0;
+  record.ifindex = 0;
+  record.vlan_id = 0;
+  record.rx_bytes = 0;
+  record.tx_bytes = 0;
+  record.rx_packets = 0;
+  record.stat_a = 0;
+  record.tx_packets = 0;
+  record.stat_b = 0;
+  record.stat_c = 0;
+  record.stat_d = 0;
+  record.stat_e = 0;
+  record.current = 0;
+  record.pending_code = 0;
+  record.pending_flag = 0;
+  record.pending_since = 0;
+  record.holdoff_deadline = 0;
+  record.state = 0;
+  record.state_time = 0;
+  record.in_use = 0;
+  // owner, portal, the rest of the bandwidth block and vlan_pool_slot stay:
+  // the next station in this slot sets them again.
+}
+
+int check_expired(daemon_core::DaemonContext& ctx) {
+  if (ctx.client_count == 0) return 0;
+  // client_count is read again on every step.
+  for (std::uint32_t i = 0; i < used_range(ctx); ++i) {
+    long uptime = common::uptime_now();
+    ClientRecord& record = ctx.records[i];
+    bool left = record.assoc_uptime < record.disassoc_uptime;
+    if (!left || uptime - static_cast<long>(record.disassoc_uptime) < kExpireAfter) continue;
+    std::string ifname = common::cut(common::get_interface_name_by_idx(record.ifindex),
+                                     common::kInterfaceNameMax);
+    std::printf("%s: expired, clear_record(%d) %s:%s\n", "check_expired", static_cast<int>(i),
+                ifname.c_str(), record.mac.c_str());
+    std::fflush(stdout);
+    clear_record(record);
+  }
+  return 0;
+}
+
+Lookup lookup_record(daemon_core::DaemonContext& ctx, std::string_view mac, int ifindex) {
+  auto& records = ctx.records;
+  Lookup result;
+  result.walk_end = ctx.client_count;
+  const std::uint32_t end = used_range(ctx);
+
+  // c ends as a free slot of the used range when there is one, else as the
+  // record with the oldest last_update.
+  std::uint32_t c = 0;
+  std::int64_t oldest = records[0].last_update;
+  for (std::uint32_t i = 0; i < end; ++i) {
+    const ClientRecord& slot = records[i];
+    if (records[c].in_use == 1) {
+      if (slot.in_use != 0 && slot.last_update < oldest) {
+        oldest = slot.last_update;
+        c = i;
+      } else if (slot.in_use == 0) {
+        c = i;
+      }
+    }
+    if (slot.in_use != 0 && mac_equal(slot.mac, mac) &&
+        (slot.ifindex == ifindex || (ifindex < 0 && slot.current == 1))) {
+      result.found = true;
+      result.slot = static_cast<int>(i);
+      return result;
+    }
+  }
+
+  if (ctx.client_count == 0) {
+    result.slot = 0;
+    ctx.client_count = 1;
+  } else if (records[c].in_use == 1 && ctx.client_count < kClientSlots) {
+    result.slot = static_cast<int>(ctx.client_count);
+    ctx.client_count += 1;
+  } else {
+    // A free slot inside the used range, or the oldest record, evicted
+    // without telling anybody.
+    result.slot = static_cast<int>(c);
+  }
+  return result;
+}
+
+int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view mac) {
+  const ClientRecord* latest = nullptr;
+  for (std::uint32_t i = 0; i < used_range(ctx); ++i) {
+    const ClientRecord& record = ctx.records[i];
+    if (!mac_equal(record.mac, mac) || record.assoc_uptime <= record.disassoc_uptime) continue;
+    if (!latest || record.assoc_uptime > latest->assoc_uptime) latest = &record;
+  }
+  if (latest) return latest->ifindex;
+
+  auto output = common::run_command_read(
+      common::format("create_client_table %s | grep INTERFACE", common::shell_word(mac).c_str()));
+  if (!output || output->empty()) return -1;
+  std::string_view line = *output;
+  line = line.substr(0, std::min(line.find('\n'), kQueryLineMax));
+  return common::get_interface_idx_by_name(interface_from_query_line(line));
+}
+
+void stamp_record_state(ClientRecord& record, std::uint8_t code) {
+  record.state = code;
+  record.state_time = common::wall_now();
+  record.holdoff_deadline = common::wall_now() + (code == 11 ? kHoldoffAssoc : kHoldoffOther);
+  if (record.owner) record.owner->next_deadline = earliest_deadline(*record.owner);
+}
+
+void clear_pending_code(ClientRecord& record) {
+  record.pending_code = 0;
+  record.pending_flag = 0;
+  record.pending_since = 0;
+}
+
+std::int64_t earliest_deadline(const daemon_core::DaemonContext& ctx) {
+  std::int64_t earliest = 0;
+  for (const ClientRecord& record : ctx.records) {
+    if (record.in_use != 1 || record.holdoff_deadline <= 0) continue;
+    if (earliest == 0 || record.holdoff_deadline < earliest) earliest = record.holdoff_deadline;
+  }
+  return earliest;
+}
+
+void clear_current_elsewhere(daemon_core::DaemonContext& ctx, std::string_view mac, int keep) {
+  for (int i = 0; i < kClientSlots; ++i)
+    if (i != keep && mac_equal(ctx.records[i].mac, mac)) ctx.records[i].current = 0;
+}
+
+int find_cli_num(int ifindex) {
+  common::StationInfo info = common::driver_station_info(common::get_interface_name_by_idx(ifindex));
+  switch (info.error) {
+    case common::StationInfoError::kSocket:
+      std::printf("Error: %s() create socket failed\n", "find_cli_num");
+      std::fflush(stdout);
+      return 0;
+    case common::StationInfoError::kRequest:
+      std::printf("Error: %s() get STA info\n", "find_cli_num");
+      std::fflush(stdout);
+      return 0;
+    case common::StationInfoError::kNone:
+      break;
+  }
+  return info.length / common::kStationEntrySize;
+}
+
+}  // namespace clients
