@@ -66,7 +66,7 @@ struct MaxStationReport {
   std::string mac;
   std::int32_t band = 0;
 };
-// Trap 3: station, BSSID (each cut to 17 characters) and SSID.
+// Trap 3: station and BSSID (each cut to 17 characters) and SSID (cut to 35).
 struct AclMismatchReport {
   std::string sta;
   std::string bssid;
