@@ -48,9 +48,8 @@ std::optional<int> read_vap_limit(const ClientRecord& record) {
       common::common_readfile_firstline(common::format("/etc/ath%d_client_limit", record.ifindex));
   // A line that is there but holds no number means no limit.
   if (!line.empty()) return scan_int(line).value_or(0);
-  auto value =
-      config::get_wlan_config_masterconf(master_config(record), kWlanValueMax, record.ifindex,
-                                         "CLIENT_LIMIT");
+  auto value = config::get_wlan_config_masterconf(master_config(record), kWlanValueMax,
+                                                  record.ifindex, "CLIENT_LIMIT");
   if (!value) return std::nullopt;
   return scan_int(*value);
 }
@@ -167,7 +166,8 @@ std::size_t append_notifier_call(std::string& command, int event, std::string_vi
 }
 
 std::size_t append_record_report(std::string& command, const ClientRecord& record,
-                                 std::string_view ssid, std::string_view bssid, std::string& trace) {
+                                 std::string_view ssid, std::string_view bssid,
+                                 std::string& trace) {
   int event = 0;
   if (record.pending_code == kAssociated)
     event = kEventAssociation;
@@ -269,7 +269,8 @@ void tavo_event_queue(ClientRecord& record, std::uint8_t code, const NotifierSou
 
   if (code == kAssociated) check_client_limits(record, sources);
 
-  if ((code == kAssociated && age >= kAssocAge) || (code == kDisassociated && age >= kDisassocAge)) {
+  if ((code == kAssociated && age >= kAssocAge) ||
+      (code == kDisassociated && age >= kDisassocAge)) {
     notify_client(record, sources);
     stamp_record_state(record, code);
     clear_pending_code(record);

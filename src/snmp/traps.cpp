@@ -52,7 +52,8 @@ struct Varbinds {
   // A text that the command line carries inside double quotes.
   void add_quoted_text(const char* suffix, std::string_view value) {
     separate();
-    text += common::format("%s%s s \"%s\"", prefix.c_str(), suffix, common::shell_dq(value).c_str());
+    text +=
+        common::format("%s%s s \"%s\"", prefix.c_str(), suffix, common::shell_dq(value).c_str());
   }
 };
 
@@ -83,10 +84,9 @@ void load_event_config(EventConfig& config) {
   config.stamp = get_file_creation_time(config::kMasterConfigPath);
   config.oid_prefix = common::cut(get_oid_prefix(), kOidPrefixMax);
   config.version = "2c";
-  config.community = common::cut(
-      common::copy_as_own_format(
-          config::get_taglist_default(list.get(), "SNMP_COMM1_NAME", kDefaultCommunity)),
-      kCommunityMax);
+  config.community = common::cut(common::copy_as_own_format(config::get_taglist_default(
+                                     list.get(), "SNMP_COMM1_NAME", kDefaultCommunity)),
+                                 kCommunityMax);
   config.receiver = common::cut(common::copy_as_own_format(receiver), kReceiverMax);
   config.enabled = 1;
 }
@@ -132,11 +132,10 @@ int send_snmptrap_event(const EventConfig& config, std::string_view trap_oid,
                         std::string_view varbinds) {
   std::string oid(trap_oid);
   std::string vars(varbinds);
-  common::run_command(common::format("%s -v %s -c %s %s \"\" %s %s", kSnmptrapPath,
-                                     common::shell_word(config.version).c_str(),
-                                     common::shell_word(config.community).c_str(),
-                                     common::shell_word(config.receiver).c_str(),
-                                     common::shell_word(oid).c_str(), vars.c_str()));
+  common::run_command(common::format(
+      "%s -v %s -c %s %s \"\" %s %s", kSnmptrapPath, common::shell_word(config.version).c_str(),
+      common::shell_word(config.community).c_str(), common::shell_word(config.receiver).c_str(),
+      common::shell_word(oid).c_str(), vars.c_str()));
   return 0;
 }
 
@@ -197,9 +196,8 @@ void load_trap_settings(daemon_core::DaemonContext& ctx) {
   s.owner = &ctx;
   s.trap_enabled =
       first_word(config::get_taglist_default(conf, "SNMP_TRAP1_STATUS", "")) == "enable" ? 1 : 0;
-  s.trap_community =
-      common::cut(config::get_taglist_default(conf, "SNMP_TRAP1_NAME", kDefaultCommunity),
-                  kTrapCommunityMax);
+  s.trap_community = common::cut(
+      config::get_taglist_default(conf, "SNMP_TRAP1_NAME", kDefaultCommunity), kTrapCommunityMax);
   s.trap_receiver =
       common::cut(config::get_taglist_default(conf, "SNMP_TRAP1_IPADDR", ""), kTrapReceiverMax);
   std::string port(config::get_taglist_default(conf, "SNMP_TRAP1_PORT", ""));

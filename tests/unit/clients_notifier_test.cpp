@@ -116,30 +116,6 @@ TEST(NotifierCall, MessageStaysInsideItsQuotes) {
   EXPECT_EQ(command, "tavo_client  -E 21 \"a\\\"\\$(id)\\`x\\`\\\\\" 1  &");
 }
 
-TEST(NotifierCall, RecordReport) {
-  clients::ClientRecord record;
-  record.mac = kStation;
-  record.pending_since = 1234;
-  std::string command;
-  std::string trace;
-
-  record.pending_code = 0;
-  EXPECT_EQ(clients::append_record_report(command, record, "ab", "0A:0B:0C:0D:0E:0F", trace), 0u);
-  record.pending_code = 11;
-  EXPECT_EQ(clients::append_record_report(command, record, "ab", "", trace), 0u);
-  EXPECT_EQ(command, "");
-
-  EXPECT_NE(clients::append_record_report(command, record, "ab", "0A:0B:0C:0D:0E:0F", trace), 0u);
-  record.pending_code = 12;
-  record.pending_flag = 3;
-  EXPECT_NE(clients::append_limit_report(command, record, "", "0A:0B:0C:0D:0E:0F", trace), 0u);
-  EXPECT_NE(clients::append_record_report(command, record, "ab", "0A:0B:0C:0D:0E:0F", trace), 0u);
-  EXPECT_EQ(command,
-            "tavo_client  -E 21 \"001122334455 0A0B0C0D0E0F [6162]\" 1234  &"
-            "tavo_client  -E 23 \"3 0A0B0C0D0E0F []\" 1234  &"
-            "tavo_client  -E 22 \"001122334455 0A0B0C0D0E0F [6162]\" 1234  &");
-}
-
 // --- the queue
 
 // Owns a context and fake device answers; records the commands run.
@@ -191,8 +167,9 @@ TEST_F(NotifierQueue, FirstAssociationIsReportedAtOnce) {
   clients::ClientRecord& r = station(0, 0);
   const std::int64_t before = common::wall_now();
   clients::tavo_event_queue(r, 11, sources_);
-  EXPECT_EQ(commands(), std::vector<std::string>{
-                            "tavo_client  -E 21 \"001122334455 0A0000000001 [6F6666696365]\" T  &"});
+  EXPECT_EQ(commands(),
+            std::vector<std::string>{
+                "tavo_client  -E 21 \"001122334455 0A0000000001 [6F6666696365]\" T  &"});
   EXPECT_EQ(r.state, 11);
   EXPECT_GE(r.state_time, before);
   EXPECT_EQ(r.holdoff_deadline, r.state_time + 190);
@@ -230,7 +207,10 @@ TEST_F(NotifierQueue, CodesWithinTheirAgeAreHeld) {
     bool reported;
   };
   const Case cases[] = {
-      {12, 30, 11, false}, {12, 60, 11, true}, {11, 179, 12, false}, {11, 180, 12, true},
+      {12, 30, 11, false},
+      {12, 60, 11, true},
+      {11, 179, 12, false},
+      {11, 180, 12, true},
   };
   for (const Case& c : cases) {
     commands_.clear();
@@ -261,10 +241,9 @@ TEST_F(NotifierQueue, RoamingReportsTheOldVapsLeavingFirstInOneCommand) {
   clients::ClientRecord& new_vap = station(2, 1);
 
   clients::tavo_event_queue(new_vap, 11, sources_);
-  EXPECT_EQ(commands(),
-            std::vector<std::string>{
-                "tavo_client  -E 22 \"001122334455 0A0000000001 [6F6666696365]\" T  &"
-                "tavo_client  -E 21 \"001122334455 0A0000000002 [6775657374]\" T  &"});
+  EXPECT_EQ(commands(), std::vector<std::string>{
+                            "tavo_client  -E 22 \"001122334455 0A0000000001 [6F6666696365]\" T  &"
+                            "tavo_client  -E 21 \"001122334455 0A0000000002 [6775657374]\" T  &"});
   EXPECT_EQ(old_vap.pending_code, 0);
   EXPECT_EQ(old_vap.holdoff_deadline, old_vap.state_time + 70);
   EXPECT_EQ(new_vap.state, 11);

@@ -98,8 +98,8 @@ TEST_F(SnmpTraps, SendersBuildTheirOidsTypesAndValues) {
   ASSERT_EQ(commands_.size(), 3u);
   for (int n = 5; n <= 7; ++n) {
     const std::string t = "." + std::to_string(n);
-    EXPECT_EQ(commands_[n - 5], head(t + ".1") + " " + p + t + ".2.1 s 00:11:22:33:44:55 " + p +
-                                    t + ".2.2 s staff " + p + t + ".2.3 i 42");
+    EXPECT_EQ(commands_[n - 5], head(t + ".1") + " " + p + t + ".2.1 s 00:11:22:33:44:55 " + p + t +
+                                    ".2.2 s staff " + p + t + ".2.3 i 42");
   }
 }
 
@@ -115,10 +115,10 @@ TEST_F(SnmpTraps, TextValuesReachSnmptrapAsOneArgumentIntact) {
     snmp::send_vlanAccessControlMechnismFailureTrap(config, {"00:11:22:33:44:55", c.ssid, 7});
     std::vector<std::string> args = shell_arguments();
     const std::vector<std::string> want = {
-        "-v", "2c", "-c", "public", "10.0.0.9", "", p + ".5.1",
-        p + ".5.2.1", "s", "00:11:22:33:44:55",
-        p + ".5.2.2", "s", c.ssid,
-        p + ".5.2.3", "i", "7"};
+        "-v",         "2c",       "-c",         "public",     "10.0.0.9",
+        "",           p + ".5.1", p + ".5.2.1", "s",          "00:11:22:33:44:55",
+        p + ".5.2.2", "s",        c.ssid,       p + ".5.2.3", "i",
+        "7"};
     EXPECT_EQ(args, want) << c.ssid;
   }
 }
