@@ -85,8 +85,11 @@ bool save_atomically(const taglist* list, const std::string& path) {
     return false;
   }
   dump_taglist(list, stream);
-  std::fclose(stream);
-  const int renamed = std::rename(temporary.c_str(), resolved.data());
+  // A write that failed (a full disk) must not replace a good file with a
+  // cut one.
+  const bool written = std::ferror(stream) == 0;
+  const bool closed = std::fclose(stream) == 0;
+  const int renamed = written && closed ? std::rename(temporary.c_str(), resolved.data()) : -1;
   ::unlink(temporary.c_str());
   return renamed == 0;
 }
