@@ -1,0 +1,201 @@
+#include "vlan/rules.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <optional>
+
+#include "common/files.h"
+#include "common/mac.h"
+#include "common/runner.h"
+#include "common/text.h"
+#include "config/accessors.h"
+#include "daemon/context.h"
+
+namespace vlan {
+
+namespace {
+
+// Rule bodies, store paths and broute commands live in 128-byte buffers on
+// the device; background commands in 256-byte ones.
+constexpr std::size_t kRuleMax = 127;
+constexpr std::size_t kBackgroundMax = 255;
+// The downstream rule's VLAN outside the 802.1Q range: frames to the
+// station leave untagged.
+constexpr int kUntaggedSvlan = 4096;
+
+std::string store_path(std::string_view name) {
+  return common::format_cut(kRuleMax, "%s/%s", kRuleStoreDir, std::string(name).c_str());
+}
+
+bool write_all(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n <= 0) return false;
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+// The whole store file; nullopt when it cannot be opened (a symbolic link
+// planted in its place is not followed).
+std::optional<std::string> read_store_file(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string content;
+  char buf[4096];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n <= 0) break;
+    content.append(buf, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return content;
+}
+
+bool is_word_char(char c) {
+  if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return true;
+  switch (c) {
+    case '.': case '_': case ':': case '/': case '@': case '%':
+    case '+': case '=': case ',': case '-': case ' ': case '!':
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+int insert_ebtables_kernel_module() {
+  int fd = ::open(kEbtablesModuleMarker, O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::close(fd);
+    return 0;
+  }
+  return common::run_command("ebtables -V > /dev/null");
+}
+
+bool is_rule_store_name(std::string_view name) {
+  return !name.empty() && common::canonical_mac(name) == name;
+}
+
+std::string sta_vlan_upstream_rule(int ath, std::string_view mac, int vlan) {
+  return common::format_cut(
+      kRuleMax, "-p ! 0x888e -i ath%d -s %s -j svlan --setvlan %d --setvlan-target ACCEPT", ath,
+      common::shell_word(mac).c_str(), vlan);
+}
+
+std::string sta_vlan_downstream_rule(std::string_view bridge, std::string_view mac,
+                                     int wlan_vlan, int untag_vlan) {
+  const std::string bridge_word = common::shell_word(bridge);
+  const std::string mac_word = common::shell_word(mac);
+  if (wlan_vlan != 0 && wlan_vlan != untag_vlan)
+    return common::format_cut(
+        kRuleMax, "-p ! 0x888e -i %s -d %s -j svlan --setvlan %d --setvlan-target DROP",
+        bridge_word.c_str(), mac_word.c_str(), wlan_vlan);
+  return common::format_cut(
+      kRuleMax, "-p ! 0x888e -i %s -d %s -j svlan --setvlan %d --setvlan-target ACCEPT",
+      bridge_word.c_str(), mac_word.c_str(), kUntaggedSvlan);
+}
+
+std::vector<std::string> stored_rule_lines(std::string_view content) {
+  std::vector<std::string> out;
+  while (!content.empty()) {
+    std::size_t piece = content.find('\n');
+    piece = piece == std::string_view::npos ? content.size() : piece + 1;
+    if (piece > kRuleMax) piece = kRuleMax;
+    // The last character of a piece is its line break; a piece cut by the
+    // length limit loses a character of the rule instead.
+    std::string_view body = content.substr(0, piece - 1);
+    if (!body.empty()) out.emplace_back(body);
+    content.remove_prefix(piece);
+  }
+  return out;
+}
+
+bool is_replayable_rule(std::string_view line) {
+  bool quoted = false;
+  for (char c : line) {
+    if (c == '\'') {
+      quoted = !quoted;
+    } else if (!is_word_char(c)) {
+      return false;
+    }
+  }
+  return !quoted;
+}
+
+int run_background_tool(std::string_view command) {
+  return common::run_command(
+      common::format_cut(kBackgroundMax, "/sbin/%s &", std::string(command).c_str()));
+}
+
+int ebt_rule_store_add(std::string_view name, std::string_view rule) {
+  if (!is_rule_store_name(name)) return -1;
+  int fd = common::open_nofollow_for_write(store_path(name), O_APPEND);
+  if (fd < 0) return -1;
+  std::string line(rule);
+  line.push_back('\n');
+  write_all(fd, line);
+  ::close(fd);
+  run_background_tool(common::format_cut(kRuleMax, "ebtables -t broute -I BROUTING %s",
+                                         std::string(rule).c_str()));
+  return 0;
+}
+
+int ebt_rule_store_flush(std::string_view name, int remove) {
+  if (!is_rule_store_name(name)) return -1;
+  const std::string path = store_path(name);
+  auto content = read_store_file(path);
+  if (!content) return -1;
+  if (remove) {
+    for (const auto& body : stored_rule_lines(*content)) {
+      // The file sits under /tmp: a line we could not have written is not
+      // handed to the shell.
+      if (!is_replayable_rule(body)) continue;
+      run_background_tool(
+          common::format_cut(kRuleMax, "ebtables -t broute -D BROUTING %s", body.c_str()));
+    }
+  }
+  ::unlink(path.c_str());
+  return 0;
+}
+
+int install_sta_vlan_rules(daemon_core::DaemonContext& ctx, std::string_view mac, int ath,
+                           int vlan, int wlan_vlan, std::string_view bridge) {
+  int untag_vlan = 0;
+  {
+    std::lock_guard<std::mutex> lock(ctx.shared_mutex);
+    untag_vlan = ctx.vlan.untag_vlan;
+  }
+  ebt_rule_store_flush(mac, 1);
+  ebt_rule_store_add(mac, sta_vlan_upstream_rule(ath, mac, vlan));
+  return ebt_rule_store_add(mac, sta_vlan_downstream_rule(bridge, mac, wlan_vlan, untag_vlan));
+}
+
+void handle_sta_vlan_update(daemon_core::DaemonContext& ctx, clients::ClientRecord& record,
+                            int ath, int vlan) {
+  int bridge_mode = 0;
+  int untag_vlan = 0;
+  std::string bridge;
+  {
+    std::lock_guard<std::mutex> lock(ctx.shared_mutex);
+    bridge_mode = ctx.vlan.bridge_mode;
+    untag_vlan = ctx.vlan.untag_vlan;
+    bridge = ctx.uplink;
+  }
+  if (!bridge_mode) return;
+  if (vlan <= 0 || vlan == untag_vlan) return;
+  if (config::get_bssid(ath).empty()) return;
+  install_sta_vlan_rules(ctx, record.mac, ath, vlan, record.vlan_id, bridge);
+  record.vlan_pool_slot = vlan;
+}
+
+int remove_sta_vlan_pool(daemon_core::DaemonContext& /*ctx*/, clients::ClientRecord& record) {
+  int result = ebt_rule_store_flush(record.mac, 1);
+  record.vlan_pool_slot = 0;
+  return result;
+}
+
+}  // namespace vlan
