@@ -1,8 +1,14 @@
-// Entry point of the client-manager daemon. The start-up sequence and the
-// loop are being wired; until then the binary only reports that.
-#include <cstdio>
+// Entry point of the client-manager daemon: one context for the whole run,
+// the start-up steps, then the loop, which never returns.
+#include <memory>
+
+#include "daemon/context.h"
+#include "daemon/loop.h"
+#include "daemon/startup.h"
 
 int main() {
-  std::fputs("clientmgr: main loop not wired yet\n", stderr);
-  return 1;
+  // The context holds a mutex and the whole client table: one heap object.
+  auto ctx = std::make_unique<daemon_core::DaemonContext>();
+  const daemon_core::LoopSources sources = daemon_core::start_daemon(*ctx);
+  daemon_core::run_loop(*ctx, sources);
 }
