@@ -11,6 +11,8 @@
 #include "common/iface.h"
 #include "common/mac.h"
 #include "daemon/context.h"
+#include "daemon/reload.h"
+#include "clients/update.h"
 
 namespace daemon_core {
 
@@ -71,7 +73,7 @@ std::optional<ClientLine> parse_client_line(std::string_view line) {
 }
 
 void serve_client_pipe(DaemonContext& ctx, int pipe_fd) {
-  // Once wired: check_config_apply(ctx);
+  check_config_apply(ctx);
   std::puts("event from client_pipe");
   std::fflush(stdout);
 
@@ -91,7 +93,8 @@ void serve_client_pipe(DaemonContext& ctx, int pipe_fd) {
       std::fflush(stdout);
       continue;
     }
-    // Once wired: clients::update_client_table(ctx, 10, parsed->ifindex, parsed->mac, parsed->ip_field, std::nullopt);
+    clients::update_client_table(ctx, clients::kEventIpLearned, parsed->ifindex, parsed->mac, parsed->ip_field,
+                                 std::nullopt);
     if (ctx.files_refresh == 0) {
       ctx.files_refresh = 1;
       clients::check_expired(ctx);

@@ -13,6 +13,8 @@
 #include "common/clock.h"
 #include "daemon/client_pipe.h"
 #include "daemon/netlink.h"
+#include "daemon/interpreter.h"
+#include "daemon/reload.h"
 
 namespace daemon_core {
 
@@ -23,13 +25,6 @@ constexpr std::uint8_t kCodeExpired = 12;
 constexpr std::int64_t kRegisteredMinAge = 60;
 constexpr std::int64_t kExpiredMinAge = 180;
 
-// Reads and drops one chunk of the ready event pipe (else the iwevent pipe)
-// so that the wait does not return at once again.
-void drop_event_chunk(int event_fd, int iwevent_fd, const fd_set& ready) {
-  const int fd = FD_ISSET(event_fd, &ready) ? event_fd : iwevent_fd;
-  std::array<char, kPipeReadMax + 1> buffer{};
-  (void)::read(fd, buffer.data(), kPipeReadMax);
-}
 
 }  // namespace
 
@@ -101,13 +96,13 @@ void run_loop(DaemonContext& ctx, const LoopSources& sources) {
     } else if (FD_ISSET(sources.client_pipe, &ready)) {
       serve_client_pipe(ctx, sources.client_pipe);
     } else if (FD_ISSET(sources.event_pipe, &ready) || FD_ISSET(sources.iwevent_pipe, &ready)) {
-      // Once wired, instead: interpret_events(ctx, sources.event_pipe, sources.iwevent_pipe, ready);
-      drop_event_chunk(sources.event_pipe, sources.iwevent_pipe, ready);
+      interpret_events(ctx, sources.event_pipe, sources.iwevent_pipe, ready);
     }
 
     run_timed_work(ctx, timeout);
 
-    // Once wired: check_config_apply(ctx); check_config_applied(ctx);
+    check_config_apply(ctx);
+    check_config_applied(ctx);
   }
 }
 

@@ -17,6 +17,7 @@
 #include "daemon/client_pipe.h"
 #include "daemon/netlink.h"
 #include "snmp/traps.h"
+#include "daemon/reload.h"
 
 namespace daemon_core {
 
@@ -105,7 +106,7 @@ LoopSources start_daemon(DaemonContext& ctx) {
     std::exit(1);
   }
 
-  // Once wired: ctx.last_apply_uptime = read_last_apply_uptime();
+  ctx.last_apply_uptime = read_last_apply_uptime();
 
   ctx.masterconf = config::load_taglist_ex(kMasterConfigPath, 1, nullptr);
 
@@ -120,7 +121,7 @@ LoopSources start_daemon(DaemonContext& ctx) {
   ctx.client_count = 0;
   ctx.event_config = snmp::get_event_config();
 
-  // Once wired: check_config_applied(ctx);  (once, as the last start-up step)
+  check_config_applied(ctx);
   return sources;
 }
 
