@@ -1,0 +1,86 @@
+// The texts of a RADIUS MAC-auth query: the station's MAC in the forms the
+// request uses, the radclient request file, the radclient and iwpriv
+// command lines, and the reading of radclient's output. Pure functions:
+// nothing here runs, reads or prints; any thread may call them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace macauth {
+
+inline constexpr std::size_t kMacTextMax = 20;      // a MAC text as the driver gives it
+inline constexpr std::size_t kRequestMax = 1023;    // the request file text
+inline constexpr std::size_t kRequestMin = 21;      // shorter texts are not sent
+inline constexpr std::size_t kReplyMax = 1023;      // radclient output kept
+inline constexpr std::size_t kRadclientMax = 255;   // radclient command line
+inline constexpr std::size_t kAuthrespMax = 127;    // iwpriv command line
+inline constexpr int kAuthAccept = 0;               // driver answer codes
+inline constexpr int kAuthReject = 13;
+inline constexpr int kCodeAccessAccept = 2;         // RADIUS packet codes
+inline constexpr int kCodeAccessReject = 3;
+
+// User name and password: the characters 0-9 and a-f of the text, all
+// others dropped (upper-case hex letters too: the driver writes lower case).
+std::string hex_only_mac(std::string_view mac);
+
+// Calling-Station-Id: the first 20 characters with ':' made '-', the first
+// 17 of them upper-cased ("00-11-22-AA-BB-CC").
+std::string dashed_mac(std::string_view mac);
+
+// The VAP's BSSID in the same form: upper-cased first, then dashed.
+std::string dashed_bssid(std::string_view bssid);
+
+// What the worker puts into the request file.
+struct RadiusRequest {
+  std::string user;                    // hex-only MAC
+  std::optional<std::string> nas_ip;   // WAN "ipaddr"; nullopt when there is none
+  std::string nas_identifier;          // AP name
+  std::string bssid;                   // dashed BSSID
+  std::string ssid;
+  std::string calling_station;         // dashed MAC
+};
+
+// The nine attribute lines in radclient's input syntax, cut to 1023
+// characters. A missing NAS address is written "(null)", as the C library
+// prints a null text. Note "Calling-Station-Id =\"...\"" has no blank
+// behind '=': radclient reads it either way.
+std::string build_radius_request(const RadiusRequest& request);
+
+// "/tmp/radc-<hex-only MAC>-<ath>".
+std::string request_file_path(std::string_view hex_mac, int ath);
+
+// "radclient -x -r 1 <host>:<port> auth <secret> -f <file>", cut to 255
+// characters; host and secret are quoted for the shell when not plain.
+std::string radclient_command(std::string_view host, int port, std::string_view secret,
+                              std::string_view request_file);
+
+// "iwpriv ath<ath> oem_priv wr:authresp=<mac>,<code>", cut to 127
+// characters; the MAC is quoted for the shell when not plain.
+std::string authresp_command(int ath, std::string_view mac, int code);
+
+// The part of radclient's output that describes the answer: from the first
+// line that begins with "Received " on (radclient -x echoes the request,
+// whose texts come from the configuration, before it); the whole output
+// when there is no such line.
+std::string_view radius_reply_section(std::string_view output);
+
+// The RADIUS code of the answer. When the text has a line that begins with
+// "Received ", only that line is read: the number behind "code " (older
+// radclient: "Received response ID 36, code 2, length = 20"), else 2 for
+// "Received Access-Accept" and 3 for "Received Access-Reject" (FreeRADIUS
+// 3). Without such a line, the number behind the first "code ". 0 when
+// there is none (no answer).
+int parse_result_code(std::string_view reply);
+
+// The VLAN of an Access-Accept from its tunnel attributes:
+//   Tunnel-Type:0 = VLAN, Tunnel-Medium-Type:0 = IEEE-802,
+//   Tunnel-Private-Group-Id:0 = "12"  -> 12.
+// The names are looked for anywhere in the text, in this order; the scan
+// stops at the first one missing. -1 unless both Tunnel-Type and
+// Tunnel-Medium-Type hold their expected values; 0 when they do and no
+// group id (or no number in it) follows.
+int parse_tunnel_vlan(std::string_view reply);
+
+}  // namespace macauth
