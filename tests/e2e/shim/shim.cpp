@@ -1,2 +1,144 @@
-// Placeholder: the sandbox shim is built here.
-extern "C" int clientmgr_shim_placeholder() { return 0; }
+// Preloaded into the daemon by the end-to-end sandbox (tests/e2e/sandbox.py).
+//
+// Moves the daemon's two clocks and stands in for the wireless driver's
+// station-information request. The settings are read from
+// $CLIENTMGR_SANDBOX/shim.conf on every call, so a test changes them while
+// the daemon runs by replacing that file (write a new one, then rename):
+//
+//   time_offset N        seconds added to time(), gettimeofday() and
+//                        clock_gettime(CLOCK_REALTIME, CLOCK_REALTIME_COARSE)
+//   uptime_offset N      seconds added to the uptime that sysinfo() reports
+//   stations IFNAME N    ioctl SIOCDEVPRIVATE + 6 on IFNAME answers N
+//                        stations (data length N * 520); N < 0 makes the
+//                        request fail with EOPNOTSUPP
+//
+// Missing variable, file or line: offset 0, 0 stations. Every other ioctl
+// goes to the C library. errno is kept across the file reads. Child
+// processes (shells, stubs, real tools) inherit the preload and see the
+// same clocks. Monotonic clocks are left alone, so relative waits still
+// take real time.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <net/if.h>
+// after net/if.h, which keeps linux/if.h from redefining struct ifreq
+#include <linux/sockios.h>
+#include <linux/wireless.h>
+#include <sys/ioctl.h>
+#include <sys/sysinfo.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr unsigned long kStationInfoRequest = SIOCDEVPRIVATE + 6;
+constexpr long kStationEntrySize = 520;
+
+template <typename Fn>
+Fn next_symbol(const char* name) {
+  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+// Reads shim.conf into buf as a C string; false when there is none.
+bool read_settings(char* buf, size_t size) {
+  const char* dir = getenv("CLIENTMGR_SANDBOX");
+  if (dir == nullptr) return false;
+  char path[4096];
+  int len = snprintf(path, sizeof path, "%s/shim.conf", dir);
+  if (len < 0 || static_cast<size_t>(len) >= sizeof path) return false;
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  ssize_t n = read(fd, buf, size - 1);
+  close(fd);
+  if (n < 0) return false;
+  buf[n] = '\0';
+  return true;
+}
+
+// The number on the line "key N", or on "key ifname N" when ifname is given.
+long setting(const char* key, const char* ifname = nullptr) {
+  int saved_errno = errno;
+  char buf[4096];
+  long result = 0;
+  if (read_settings(buf, sizeof buf)) {
+    char* save = nullptr;
+    for (char* line = strtok_r(buf, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
+      char name[32];
+      char word[IFNAMSIZ + 1];
+      long value = 0;
+      bool match = ifname == nullptr
+                       ? sscanf(line, "%31s %ld", name, &value) == 2 && strcmp(name, key) == 0
+                       : sscanf(line, "%31s %16s %ld", name, word, &value) == 3 &&
+                             strcmp(name, key) == 0 && strcmp(word, ifname) == 0;
+      if (match) {
+        result = value;
+        break;
+      }
+    }
+  }
+  errno = saved_errno;
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+time_t time(time_t* out) noexcept {
+  static auto real = next_symbol<time_t (*)(time_t*)>("time");
+  time_t now = real(nullptr) + setting("time_offset");
+  if (out != nullptr) *out = now;
+  return now;
+}
+
+int gettimeofday(struct timeval* tv, void* tz) noexcept {
+  static auto real = next_symbol<int (*)(struct timeval*, void*)>("gettimeofday");
+  int rc = real(tv, tz);
+  if (rc == 0) tv->tv_sec += setting("time_offset");
+  return rc;
+}
+
+int clock_gettime(clockid_t clock, struct timespec* ts) noexcept {
+  static auto real = next_symbol<int (*)(clockid_t, struct timespec*)>("clock_gettime");
+  int rc = real(clock, ts);
+  if (rc == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
+    ts->tv_sec += setting("time_offset");
+  return rc;
+}
+
+int sysinfo(struct sysinfo* info) noexcept {
+  static auto real = next_symbol<int (*)(struct sysinfo*)>("sysinfo");
+  int rc = real(info);
+  if (rc == 0) info->uptime += setting("uptime_offset");
+  return rc;
+}
+
+int ioctl(int fd, unsigned long request, ...) noexcept {
+  va_list args;
+  va_start(args, request);
+  void* arg = va_arg(args, void*);
+  va_end(args);
+  if (request == kStationInfoRequest && arg != nullptr) {
+    auto* req = static_cast<struct iwreq*>(arg);
+    char name[IFNAMSIZ + 1] = {};
+    memcpy(name, req->ifr_name, IFNAMSIZ);
+    long count = setting("stations", name);
+    if (count < 0) {
+      errno = EOPNOTSUPP;
+      return -1;
+    }
+    req->u.data.length = static_cast<uint16_t>(count * kStationEntrySize);
+    return 0;
+  }
+  static auto real = next_symbol<int (*)(int, unsigned long, void*)>("ioctl");
+  return real(fd, request, arg);
+}
+
+}  // extern "C"

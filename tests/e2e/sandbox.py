@@ -1,0 +1,566 @@
+"""Runs the real daemon inside private mount, network and pid namespaces.
+
+The daemon takes no options and uses fixed paths, so a Sandbox puts its own
+files at those paths (see nsinit.sh), replaces the external tools by
+recorders (stub.py) and preloads a shim (shim/shim.cpp) that moves the
+clocks and answers the driver's station request. See README.md.
+"""
+import fcntl
+import json
+import math
+import os
+import re
+import select
+import shlex
+import shutil
+import signal
+import socket
+import stat
+import struct
+import subprocess
+import tempfile
+import termios
+import threading
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+REPO = HERE.parent.parent
+
+# Tools the daemon runs by name through the shell (found on PATH) and by path.
+PATH_TOOLS = ("killall", "iwevent", "iwpriv", "radclient", "create_client_table",
+              "tc", "ip", "ebtables", "logger", "tavo_client")
+SBIN_TOOLS = ("/usr/sbin/snmptrap", "/sbin/ebtables")
+INIT_SCRIPT = "/etc/rc.d/init.d/bandwidth_mgnt"
+PIPES = ("/etc/iwevent_pipe", "/etc/event_pipe", "/etc/client_table_pipe")
+
+# Syscalls in which the daemon's main thread waits for its sources.
+SELECT_SYSCALLS = {"x86_64": {"23", "270"}, "aarch64": {"72"}}.get(os.uname().machine, set())
+STATION_ENTRY_SIZE = 520
+
+
+class SandboxError(Exception):
+    pass
+
+
+def build_dir():
+    return Path(os.environ.get("CLIENTMGR_BUILD", REPO / "build"))
+
+
+def needs_user_namespace():
+    """False as root; True when an unprivileged user namespace will do;
+    raises SandboxError when neither works."""
+    if os.geteuid() == 0:
+        return False
+    probe = subprocess.run(["unshare", "--user", "--map-root-user", "--mount", "--net", "--pid",
+                            "--fork", "true"], capture_output=True)
+    if probe.returncode != 0:
+        raise SandboxError("the e2e sandbox needs root or unprivileged user namespaces: "
+                           + probe.stderr.decode().strip())
+    return True
+
+
+@dataclass
+class Call:
+    """One recorded run of a stubbed tool."""
+    argv: list
+    stdout: str      # where its standard output went (path as seen in the sandbox)
+    append: bool     # standard output opened with O_APPEND (">>")
+
+    @property
+    def tool(self):
+        return os.path.basename(self.argv[0])
+
+    @property
+    def text(self):
+        return shlex.join(self.argv)
+
+
+@dataclass
+class SyslogRecord:
+    priority: int    # 0..7, e.g. 6 = LOG_INFO
+    facility: int    # LOG_USER = 1
+    tag: str         # ident, without "[pid]"
+    message: str
+
+    @classmethod
+    def parse(cls, data):
+        text = data.decode(errors="replace")
+        m = re.match(r"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^:\[]*)(?:\[\d+\])?: (.*)$", text, re.S)
+        if not m:
+            return cls(-1, -1, "", text)
+        pri = int(m.group(1))
+        return cls(pri & 7, pri >> 3, m.group(2), m.group(3))
+
+
+class _SyslogCollector:
+    """Receives the datagrams sent to /dev/log (it must keep reading: a full
+    queue would block the daemon in syslog())."""
+
+    def __init__(self, path):
+        self._sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._sock.bind(str(path))
+        os.chmod(path, 0o666)
+        self._sock.setblocking(False)
+        self._records = []
+        self._lock = threading.Lock()
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._stop.is_set():
+            select.select([self._sock], [], [], 0.05)
+            self.records()
+
+    def records(self):
+        with self._lock:
+            while True:
+                try:
+                    self._records.append(SyslogRecord.parse(self._sock.recv(65536)))
+                except BlockingIOError:
+                    return list(self._records)
+
+    def close(self):
+        self._stop.set()
+        self._thread.join()
+        self._sock.close()
+
+
+class Sandbox:
+    """One private world for one daemon run. Created with everything stubbed,
+    no interfaces and an empty master configuration; configure, start(),
+    interact, observe; close() (the fixture does) removes every trace."""
+
+    def __init__(self, build=None, userns=None):
+        self.build = Path(build or build_dir())
+        self.daemon_path = self.build / "clientmgr"
+        self.shim_path = self.build / "clientmgr_shim.so"
+        for f in (self.daemon_path, self.shim_path):
+            if not f.exists():
+                raise SandboxError(f"{f} missing: build the targets clientmgr and e2e_shim")
+        self.userns = needs_user_namespace() if userns is None else userns
+        base = os.environ.get("CLIENTMGR_E2E_TMPDIR", "/var/tmp")
+        if re.match(r"/(tmp|run|var/run|etc|proc|dev)(/|$)", os.path.realpath(base)):
+            raise SandboxError(f"{base} is hidden inside the sandbox; choose another CLIENTMGR_E2E_TMPDIR")
+        self.root = Path(tempfile.mkdtemp(prefix="clientmgr-e2e-", dir=base))
+        self._proc = None          # nsenter running the daemon
+        self._pid = None           # the daemon's pid as seen from the host
+        self._time_offset = 0
+        self._uptime_offset = 0
+        self._stations = {}
+        self._ifaces = 0
+        self._syslog = None
+        self._init = None
+        try:
+            self._prepare()
+            self._start_namespace()
+        except BaseException:
+            self.close()
+            raise
+
+    # ----- set-up -----
+
+    def _prepare(self):
+        r = self.root
+        for d in ("etc-upper/rc.d/init.d", "etc-work", "tmp", "run", "bin", "stub-out",
+                  "mnt/proc", "mnt/dev", "mnt/usr-sbin", "shadow/dev", "shadow/usr-sbin",
+                  *(f"shadow/proc/wifi{n}" for n in range(4))):
+            (r / d).mkdir(parents=True)
+        os.chmod(r / "tmp", 0o1777)
+        stub = str(HERE / "stub.py")
+        for tool in PATH_TOOLS:
+            os.symlink(stub, r / "bin" / tool)
+        for path in SBIN_TOOLS:
+            os.symlink(stub, r / "shadow/usr-sbin" / os.path.basename(path))
+        os.symlink(stub, r / "etc-upper" / INIT_SCRIPT[len("/etc/"):])
+        for f in ("commands.log", "stdout", "stderr"):
+            (r / f).touch()
+        self._write_shim_conf()
+        self._syslog = _SyslogCollector(r / "shadow/dev/log")
+
+    def _start_namespace(self):
+        user = ["--user", "--map-root-user"] if self.userns else []
+        with open(self.root / "nsinit.log", "wb") as log:
+            self._init = subprocess.Popen(
+                ["unshare", *user, "--mount", "--net", "--pid", "--kill-child", "--propagation",
+                 "private", "/bin/sh", str(HERE / "nsinit.sh"), str(self.root)],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log)
+        if self._init.stdout.readline() != b"ready\n":
+            self._init.wait(5)
+            raise SandboxError("namespace set-up failed:\n" + (self.root / "nsinit.log").read_text())
+        self._init_pid = _children(self._init.pid)[0]
+        self._nsenter = ["nsenter", "-t", str(self._init_pid), "-m", "-n", "-p"]
+        if self.userns:
+            self._nsenter[1:1] = ["-U", "--preserve-credentials"]
+
+    def close(self):
+        """Kills the daemon and every process of the sandbox, then removes
+        its directory (kept when CLIENTMGR_E2E_KEEP is set)."""
+        if self._proc is not None:
+            self.stop()
+        if self._init is not None:
+            self._init.stdin.close()  # pid 1 exits, the kernel kills the rest
+            try:
+                self._init.wait(5)
+            except subprocess.TimeoutExpired:
+                self._init.kill()
+                self._init.wait()
+            self._init.stdout.close()
+            self._init = None
+        if self._syslog is not None:
+            self._syslog.close()
+            self._syslog = None
+        if not os.environ.get("CLIENTMGR_E2E_KEEP") and self.root.exists():
+            shutil.rmtree(self.root, onerror=_force_remove)
+
+    def daemon_env(self):
+        """The environment of the daemon and of everything it runs."""
+        return {"PATH": f"{self.root}/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                "LD_PRELOAD": str(self.shim_path), "CLIENTMGR_SANDBOX": str(self.root),
+                "HOME": "/root", "LANG": "C"}
+
+    # ----- files -----
+
+    def host_path(self, path):
+        """Where a path of the sandbox can be reached from the host. /etc is
+        reached through the namespace (its overlay must not be written
+        under its feet); absolute symlinks there resolve on the host."""
+        path = str(path)
+        for prefix, target in (("/tmp", "tmp"), ("/var/run", "run"), ("/run", "run"),
+                               ("/proc", "shadow/proc")):
+            if path == prefix or path.startswith(prefix + "/"):
+                return self.root / target / path[len(prefix) + 1:]
+        return Path(f"/proc/{self._init_pid}/root{path}")
+
+    def write(self, path, data, mode=None):
+        p = self.host_path(path)
+        p.parent.mkdir(parents=True, exist_ok=True)
+        if isinstance(data, str):
+            data = data.encode()
+        p.write_bytes(data)
+        if mode is not None:
+            os.chmod(p, mode)
+
+    def write_config(self, path, values):
+        """Writes a KEY="value" file (the master configuration, status files)."""
+        self.write(path, "".join(f'{k}="{v}"\n' for k, v in values.items()))
+
+    def read(self, path):
+        return self.host_path(path).read_text()
+
+    def exists(self, path):
+        return os.path.lexists(self.host_path(path))
+
+    def set_lan_interfaces(self, names):
+        self.write("/etc/dev_lan_if", "".join(n + "\n" for n in names))
+
+    # ----- network -----
+
+    def add_interface(self, name, mac):
+        """A veth link named like a VAP, up, with the given MAC (the BSSID)."""
+        peer = f"sbpeer{self._ifaces}"
+        self._ifaces += 1
+        self.run_in_ns(["ip", "-batch", "-"], input=f"link add {name} address {mac} type veth peer name {peer}\n"
+                                                   f"link set {peer} up\nlink set {name} up\n")
+
+    def run_in_ns(self, argv, check=True, input=None, timeout=10, daemon_env=False):
+        """Runs argv inside the sandbox's namespaces; with daemon_env, also
+        with the daemon's environment (stubs on PATH, the shim's clocks)."""
+        result = subprocess.run(self._nsenter + ["--", *argv], input=input, capture_output=True, text=True,
+                                timeout=timeout, env=self.daemon_env() if daemon_env else None)
+        if check and result.returncode != 0:
+            raise SandboxError(f"{argv} failed ({result.returncode}): {result.stderr}")
+        return result
+
+    # ----- tools -----
+
+    def stub_output(self, tool, text):
+        """What the stub of tool (its name, e.g. "radclient") prints from now on."""
+        (self.root / "stub-out" / os.path.basename(tool)).write_text(text)
+
+    def use_real(self, tool):
+        """Lets the daemon run the real tool: a name of PATH_TOOLS or a path
+        of SBIN_TOOLS."""
+        name = os.path.basename(tool)
+        if tool in PATH_TOOLS:
+            if not shutil.which(tool):
+                raise SandboxError(f"{tool} is not installed")
+            os.unlink(self.root / "bin" / tool)
+        elif tool in SBIN_TOOLS:
+            real = f"/usr/sbin/.host/{name}" if os.path.exists(f"/usr/sbin/{name}") else shutil.which(name)
+            if not real:
+                raise SandboxError(f"{tool} is not installed")
+            link = self.root / "shadow/usr-sbin" / name
+            os.unlink(link)
+            os.symlink(real, link)
+        else:
+            raise SandboxError(f"no real tool for {tool}")
+
+    def calls(self, tool=None):
+        """Recorded runs of stubbed tools, in order; tool filters by name
+        ("ebtables" matches "/sbin/ebtables" too)."""
+        with open(self.root / "commands.log") as log:
+            calls = [Call(**json.loads(line)) for line in log]
+        return [c for c in calls if tool is None or c.tool == os.path.basename(tool)]
+
+    def commands(self, tool=None):
+        """Recorded runs as shell-like text ("killall -9 iwevent")."""
+        return [c.text for c in self.calls(tool)]
+
+    # ----- clocks and driver -----
+
+    def _write_shim_conf(self):
+        lines = [f"time_offset {self._time_offset}", f"uptime_offset {self._uptime_offset}"]
+        lines += [f"stations {name} {count}" for name, count in self._stations.items()]
+        tmp = self.root / "shim.conf.new"
+        tmp.write_text("\n".join(lines) + "\n")
+        os.replace(tmp, self.root / "shim.conf")
+
+    def advance_time(self, seconds, uptime=True):
+        """Moves the daemon's wall clock (and its uptime, unless told not
+        to) forward. The daemon notices at its next loop pass: poke() it."""
+        self._time_offset += int(seconds)
+        if uptime:
+            self._uptime_offset += int(seconds)
+        self._write_shim_conf()
+
+    def set_uptime(self, seconds):
+        """The uptime that sysinfo() reports from now on (to about a second)."""
+        self._uptime_offset = int(seconds) - _real_uptime()
+        self._write_shim_conf()
+
+    def now(self):
+        """The daemon's wall clock, seconds since the epoch."""
+        return int(time.time()) + self._time_offset
+
+    def uptime(self):
+        return _real_uptime() + self._uptime_offset
+
+    def set_stations(self, ifname, count):
+        """Stations the driver reports for ifname; -1 makes the request fail."""
+        self._stations[ifname] = count
+        self._write_shim_conf()
+
+    # ----- the daemon -----
+
+    @property
+    def pid(self):
+        return self._pid
+
+    @property
+    def returncode(self):
+        """None while running; the exit status, or -N when killed by signal N."""
+        return None if self._proc is None else self._proc.poll()
+
+    def start(self, wait=True):
+        """Starts the daemon (stdout and stderr files are started afresh);
+        with wait, returns once it sits idle in its loop."""
+        if self._proc is not None and self._proc.poll() is None:
+            raise SandboxError("daemon already running")
+        with open(self.root / "stdout", "wb") as out, open(self.root / "stderr", "wb") as err:
+            self._proc = subprocess.Popen(self._nsenter + ["--", "stdbuf", "-oL", str(self.daemon_path)],
+                                          stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+                                          env=self.daemon_env(), umask=0o022)
+        self._pid = None
+        deadline = time.monotonic() + 5
+        while self._proc.poll() is None and time.monotonic() < deadline:
+            kids = _children(self._proc.pid)
+            if kids and _read(f"/proc/{kids[0]}/comm").strip() == self.daemon_path.name[:15]:
+                self._pid = kids[0]
+                break
+            time.sleep(0.002)
+        if wait:
+            self.wait_idle()
+
+    def wait_exit(self, timeout=5):
+        return self._proc.wait(timeout)
+
+    def stop(self):
+        """Ends the daemon (SIGTERM, then SIGKILL); returns its status."""
+        if self._proc.poll() is None and self._pid:
+            _kill(self._pid, signal.SIGTERM)
+            try:
+                self._proc.wait(2)
+            except subprocess.TimeoutExpired:
+                _kill(self._pid, signal.SIGKILL)
+        if self._proc.poll() is None:
+            self._proc.kill()
+        return self._proc.wait()
+
+    def _check_running(self):
+        if self._proc is None:
+            raise SandboxError("daemon not started")
+        if self._proc.poll() is not None:
+            raise SandboxError(f"daemon exited with {self._proc.returncode}; stderr:\n{self.stderr()}"
+                               f"stdout tail:\n{self.stdout()[-2000:]}")
+
+    def _busy(self):
+        """Why the daemon is not idle, or None when it is."""
+        pid = self._pid
+        try:
+            if len(os.listdir(f"/proc/{pid}/task")) != 1:
+                return "worker threads running"
+            call = _read(f"/proc/{pid}/syscall").split()[0]
+            if call not in SELECT_SYSCALLS:
+                return f"main thread in syscall {call}, not waiting in select"
+            if _live_children(pid) or _live_children(self._init_pid):
+                return "child processes running"
+            for path in PIPES:
+                pending = _fifo_pending(f"/proc/{pid}/root{path}")
+                if pending:
+                    return f"{pending} unread bytes in {path}"
+            if _netlink_pending(pid):
+                return "unread netlink messages"
+        except (OSError, IndexError) as e:
+            return f"cannot inspect: {e}"
+        return None
+
+    def wait_idle(self, timeout=5):
+        """Waits until the daemon waits in select with no thread or child
+        process running and nothing unread in its pipes and netlink socket
+        (twice in a row, 20 ms apart)."""
+        deadline = time.monotonic() + timeout
+        calm = 0
+        while True:
+            self._check_running()
+            busy = "daemon pid not known" if self._pid is None else self._busy()
+            calm = calm + 1 if busy is None else 0
+            if calm == 2:
+                return
+            if time.monotonic() > deadline:
+                raise AssertionError(f"daemon not idle after {timeout}s: {busy}")
+            time.sleep(0.02 if busy is None else 0.005)
+
+    def write_fifo(self, path, data):
+        """Writes into one of the daemon's pipes ("/etc/event_pipe")."""
+        self._check_running()
+        if isinstance(data, str):
+            data = data.encode()
+        fd = os.open(f"/proc/{self._pid}/root{path}", os.O_WRONLY | os.O_NONBLOCK)
+        try:
+            view = memoryview(data)
+            while view:
+                try:
+                    view = view[os.write(fd, view):]
+                except BlockingIOError:
+                    time.sleep(0.005)
+        finally:
+            os.close(fd)
+
+    def poke(self):
+        """Makes the daemon run one loop pass now (an empty line on the event
+        pipe is ignored, but the timed work and reload checks follow it)."""
+        self.write_fifo("/etc/event_pipe", "\n")
+        self.wait_idle()
+
+    # ----- output -----
+
+    def stdout(self):
+        return (self.root / "stdout").read_text(errors="replace")
+
+    def stderr(self):
+        return (self.root / "stderr").read_text(errors="replace")
+
+    def wait_for_stdout(self, pattern, timeout=5, count=1):
+        """Waits until count lines of stdout match the regex; returns them."""
+        deadline = time.monotonic() + timeout
+        while True:
+            lines = [l for l in self.stdout().splitlines() if re.search(pattern, l)]
+            if len(lines) >= count:
+                return lines
+            if time.monotonic() > deadline or (self._proc is not None and self._proc.poll() is not None):
+                raise AssertionError(f"{count} x /{pattern}/ not on stdout (found {len(lines)}); "
+                                     f"status {self.returncode}; stdout tail:\n{self.stdout()[-2000:]}")
+            time.sleep(0.01)
+
+    def syslog(self):
+        """Every record sent to /dev/log so far."""
+        return self._syslog.records()
+
+    def report(self):
+        """A summary for a failed test."""
+        if not self.root.exists():
+            return ""
+        tail = lambda text: "\n".join(text.splitlines()[-40:])
+        return (f"--- daemon status {self.returncode}\n--- stdout\n{tail(self.stdout())}\n"
+                f"--- stderr\n{tail(self.stderr())}\n--- commands\n{tail(chr(10).join(self.commands()))}\n"
+                f"--- syslog\n{tail(chr(10).join(map(str, self.syslog())))}")
+
+
+def _read(path):
+    with open(path) as f:
+        return f.read()
+
+
+def _children(pid):
+    kids = []
+    for tid in os.listdir(f"/proc/{pid}/task"):
+        try:
+            kids += [int(k) for k in _read(f"/proc/{pid}/task/{tid}/children").split()]
+        except FileNotFoundError:
+            pass
+    return kids
+
+
+def _live_children(pid):
+    live = []
+    for kid in _children(pid):
+        try:
+            if _read(f"/proc/{kid}/stat").rsplit(")", 1)[1].split()[0] != "Z":
+                live.append(kid)
+        except FileNotFoundError:
+            pass
+    return live
+
+
+def _fifo_pending(path):
+    try:
+        if not stat.S_ISFIFO(os.stat(path).st_mode):
+            return 0
+        fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    except FileNotFoundError:
+        return 0
+    try:
+        return struct.unpack("i", fcntl.ioctl(fd, termios.FIONREAD, b"\0\0\0\0"))[0]
+    finally:
+        os.close(fd)
+
+
+def _netlink_pending(pid):
+    inodes = set()
+    for fd in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            m = re.match(r"socket:\[(\d+)\]", os.readlink(f"/proc/{pid}/fd/{fd}"))
+        except FileNotFoundError:
+            continue
+        if m:
+            inodes.add(m.group(1))
+    for row in _read(f"/proc/{pid}/net/netlink").splitlines()[1:]:
+        cols = row.split()
+        if cols[-1] in inodes and int(cols[4]) > 0:
+            return True
+    return False
+
+
+def _real_uptime():
+    # sysinfo() rounds the boot time up to whole seconds
+    return math.ceil(float(_read("/proc/uptime").split()[0]))
+
+
+def _kill(pid, sig):
+    try:
+        os.kill(pid, sig)
+    except ProcessLookupError:
+        pass
+
+
+def _force_remove(func, path, _exc):
+    # the overlay leaves a work directory of mode 000
+    os.chmod(os.path.dirname(path), 0o700)
+    if os.path.isdir(path) and not os.path.islink(path):
+        os.chmod(path, 0o700)
+        shutil.rmtree(path, onerror=_force_remove)
+    else:
+        func(path)
