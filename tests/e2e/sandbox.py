@@ -37,7 +37,6 @@ PIPES = ("/etc/iwevent_pipe", "/etc/event_pipe", "/etc/client_table_pipe")
 
 # Syscalls in which the daemon's main thread waits for its sources.
 SELECT_SYSCALLS = {"x86_64": {"23", "270"}, "aarch64": {"72"}}.get(os.uname().machine, set())
-STATION_ENTRY_SIZE = 520
 
 
 class SandboxError(Exception):
@@ -145,6 +144,7 @@ class Sandbox:
         if re.match(r"/(tmp|run|var/run|etc|proc|dev)(/|$)", os.path.realpath(base)):
             raise SandboxError(f"{base} is hidden inside the sandbox; choose another CLIENTMGR_E2E_TMPDIR")
         self.root = Path(tempfile.mkdtemp(prefix="clientmgr-e2e-", dir=base))
+        os.chmod(self.root, 0o755)  # tools that drop privileges reach /dev/log through it
         self._proc = None          # nsenter running the daemon
         self._pid = None           # the daemon's pid as seen from the host
         self._time_offset = 0
@@ -152,7 +152,9 @@ class Sandbox:
         self._stations = {}
         self._ifaces = 0
         self._syslog = None
-        self._init = None
+        self._init = None          # unshare, parent of the sandbox's pid 1
+        self._init_pid = None
+        self._peers = []           # processes of spawn_in_ns
         try:
             self._prepare()
             self._start_namespace()
@@ -209,6 +211,9 @@ class Sandbox:
                 self._init.wait()
             self._init.stdout.close()
             self._init = None
+        for peer in self._peers:
+            peer.wait(5)
+        self._peers = []
         if self._syslog is not None:
             self._syslog.close()
             self._syslog = None
@@ -273,6 +278,15 @@ class Sandbox:
         if check and result.returncode != 0:
             raise SandboxError(f"{argv} failed ({result.returncode}): {result.stderr}")
         return result
+
+    def spawn_in_ns(self, argv, daemon_env=False, **popen_args):
+        """Starts a long-running peer (snmptrapd, freeradius) inside the
+        namespaces and returns its Popen; it dies with the sandbox at the
+        latest."""
+        proc = subprocess.Popen(self._nsenter + ["--", *argv], env=self.daemon_env() if daemon_env else None,
+                                **popen_args)
+        self._peers.append(proc)
+        return proc
 
     # ----- tools -----
 
@@ -366,8 +380,8 @@ class Sandbox:
         self._pid = None
         deadline = time.monotonic() + 5
         while self._proc.poll() is None and time.monotonic() < deadline:
-            kids = _children(self._proc.pid)
-            if kids and _read(f"/proc/{kids[0]}/comm").strip() == self.daemon_path.name[:15]:
+            kids = _children(self._proc.pid)  # nsenter's child execs stdbuf, then the daemon
+            if kids and _comm(kids[0]) == self.daemon_path.name[:15]:
                 self._pid = kids[0]
                 break
             time.sleep(0.002)
@@ -492,6 +506,13 @@ class Sandbox:
 def _read(path):
     with open(path) as f:
         return f.read()
+
+
+def _comm(pid):
+    try:
+        return _read(f"/proc/{pid}/comm").strip()
+    except FileNotFoundError:
+        return ""
 
 
 def _children(pid):

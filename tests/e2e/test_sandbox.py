@@ -43,6 +43,18 @@ def test_shim_moves_clocks_and_answers_station_requests(sandbox):
     assert ath1 == 2
 
 
+def test_fixed_paths_and_syslog_inside_the_namespace(sandbox):
+    files = {"/etc/dev_lan_if": "ath0\n", "/tmp/last_applyconf_uptime": "120\n",
+             "/var/run/wireless.status": 'X="1"\n', "/proc/wifi0/neighbor_ap": "ap\n"}
+    for path, text in files.items():
+        sandbox.write(path, text)
+    shown = sandbox.run_in_ns(["cat", *files]).stdout
+    assert shown == "".join(files.values())
+    sandbox.run_in_ns(["/usr/bin/python3", "-c", "import syslog; syslog.openlog('probe', syslog.LOG_PID);"
+                       "syslog.syslog(syslog.LOG_INFO, 'hello there')"])
+    assert sandbox.syslog() == [sandbox_lib.SyslogRecord(6, 1, "probe", "hello there")]
+
+
 @pytest.mark.skipif(not shutil.which("nm"), reason="nm (binutils) not installed")
 def test_daemon_reaches_clocks_and_ioctl_through_the_preload():
     # A static or inlined call would bypass the shim.
@@ -56,8 +68,10 @@ def test_close_leaves_nothing_behind(sandbox):
     sb = sandbox
     sb.add_interface("ath0", "02:11:22:33:44:00")
     sb.start()
+    peer = sb.spawn_in_ns(["sleep", "1000"])
     pids = [sb.pid, sb._init_pid]
     sb.close()
+    assert peer.returncode is not None
     assert not sb.root.exists()
     for pid in pids:
         assert not os.path.exists(f"/proc/{pid}")
