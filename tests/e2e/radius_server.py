@@ -4,9 +4,9 @@ network namespace, for tests of MAC authentication.
 The server runs from a private copy of /etc/freeradius/3.0 under the
 sandbox directory, with our own clients and users files, as root, logging
 and keeping its run files in that copy; it listens on the namespace's
-127.0.0.1 (authentication on 1812). It is started through nsenter as a child
-of this process, not of the sandbox's pid 1, so Sandbox.wait_idle() does not
-take it for a child of the daemon.
+127.0.0.1 (authentication on 1812). It is started with Sandbox.spawn_in_ns,
+as a child of this process rather than of the sandbox's pid 1, so
+Sandbox.wait_idle() does not take it for a child of the daemon.
 
     server = RadiusServer(sandbox, users=ACCEPT_ONE_REJECT_REST)
     server.start()
@@ -79,8 +79,8 @@ class RadiusServer:
     def start(self, timeout=15):
         """Starts radiusd -f and waits until it serves requests."""
         self.log.write_text("")
-        self._proc = subprocess.Popen(
-            self.sandbox._nsenter + ["--", "freeradius", "-f", "-d", str(self.dir), "-l", str(self.log)],
+        self._proc = self.sandbox.spawn_in_ns(
+            ["freeradius", "-f", "-d", str(self.dir), "-l", str(self.log)],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         deadline = time.monotonic() + timeout
         while "Ready to process requests" not in self.log.read_text(errors="replace"):
