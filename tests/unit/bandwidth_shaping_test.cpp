@@ -51,29 +51,6 @@ TEST(BandwidthNumbering, MarksAndParents) {
   }
 }
 
-TEST(BandwidthNumbering, RadioOneHasMajorThree) {
-  clients::BandwidthBlock block;
-  bandwidth::set_bandwidth_radio(block, 1, "wifi1");
-  EXPECT_EQ(block.tc_major, 3u);
-  bandwidth::set_bandwidth_radio(block, 0, "wifi0");
-  EXPECT_EQ(block.tc_major, 2u);
-  bandwidth::set_bandwidth_radio(block, 2, "wifi2");
-  EXPECT_EQ(block.tc_major, 2u);
-  EXPECT_EQ(block.tc_dev, "wifi2");
-}
-
-TEST(BandwidthNumbering, ResetClearsEverything) {
-  auto block = block_for(3, 2, 1, 100, 200);
-  bandwidth::reset_bandwidth(block);
-  EXPECT_EQ(block.bw_slot, 0u);
-  EXPECT_EQ(block.up_mark + block.down_mark + block.up_parent + block.down_parent, 0u);
-  EXPECT_EQ(block.radio, 0);
-  EXPECT_EQ(block.tc_major, 0u);
-  EXPECT_EQ(block.up_rate, -1);
-  EXPECT_EQ(block.down_rate, -1);
-  EXPECT_TRUE(block.tc_dev.empty());
-}
-
 TEST(BandwidthSlot, SmallestFreeSlotOnTheInterface) {
   auto ctx = std::make_unique<daemon_core::DaemonContext>();
   auto put = [&](int i, int in_use, int ifindex, unsigned slot) {
@@ -231,11 +208,6 @@ TEST(BandwidthRun, L2tpUpdateMovesTheUpstreamSide) {
     bandwidth::l2tp_update_client(conf.get(), 1, kStation, 0, block, 2);
     EXPECT_EQ(rec.commands, bandwidth::traffic_control_commands("del", block, 2, ""));
   }
-}
-
-TEST(BandwidthRun, BridgeModeUsesEth1) {
-  auto conf = bridge_conf();
-  EXPECT_EQ(bandwidth::wan_device(conf.get()), "eth1");
 }
 
 }  // namespace
