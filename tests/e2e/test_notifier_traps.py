@@ -1,0 +1,189 @@
+"""Notifier timing, client limits and hostile SSIDs, and every trap that the
+daemon raises here received by a real snmptrapd."""
+import shutil
+import time
+
+import pytest
+
+from helpers_clients import BSSID0, BSSID1, STATION, hexed, iwevent, send, two_vaps
+
+OTHER = "00:11:22:33:44:66"
+# SSIDs as other programs may configure them, or neighbours broadcast them.
+SPACED = "Cafe Bar"
+HOSTILE = "$(touch /tmp/pwned) `id` 'q\" \\"
+
+
+def reports(sandbox):
+    """tavo_client runs as (event, message, time)."""
+    return [(c.argv[2], c.argv[3], int(c.argv[4])) for c in sandbox.calls("tavo_client")]
+
+
+def go_to(sandbox, wall):
+    """Moves the daemon's clock to about wall (it may see a second more) and
+    lets it run its timed work."""
+    sandbox.advance_time(wall - sandbox.now())
+    sandbox.poke()
+
+
+def test_held_reports_wait_for_min_age_and_holdoff(sandbox):
+    two_vaps(sandbox)
+    sandbox.start()
+    assoc = ("21", f"001122334455 {BSSID0.replace(':', '')} [{hexed('Office')}]")
+    leave = ("22", assoc[1])
+
+    iwevent(sandbox, "ath0", "Registered")
+    [(*first, t0)] = reports(sandbox)
+    assert tuple(first) == assoc
+    # It leaves and comes back 30 s after that report: held, the newest code
+    # waits (the leave is never reported).
+    sandbox.advance_time(10)
+    iwevent(sandbox, "ath0", "Expired")
+    sandbox.advance_time(20)
+    back = sandbox.now()
+    iwevent(sandbox, "ath0", "Registered")
+    assert len(reports(sandbox)) == 1
+    # 60 s after the report the minimum age is reached, but the hold-off of
+    # the association report (190 s) is not over.
+    for wall in (t0 + 62, t0 + 187):
+        go_to(sandbox, wall)
+        assert len(reports(sandbox)) == 1, wall - t0
+    go_to(sandbox, t0 + 192)
+    [*_, (*held, since)] = reports(sandbox)
+    assert tuple(held) == assoc and back <= since <= back + 1
+    delivered = (t0 + 192, sandbox.now())  # when the daemon stamped that report
+
+    # A leave 10 s after that delivery: its minimum age (180 s since the
+    # report) comes before the end of the hold-off (190 s), and is not enough.
+    sandbox.advance_time(10)
+    gone = sandbox.now()
+    iwevent(sandbox, "ath0", "Expired")
+    for wall in (delivered[1] + 182, delivered[0] + 187):
+        go_to(sandbox, wall)
+        assert len(reports(sandbox)) == 2, wall - delivered[0]
+    go_to(sandbox, delivered[1] + 192)
+    [*_, (*late, since)] = reports(sandbox)
+    assert tuple(late) == leave and gone <= since <= gone + 1
+    go_to(sandbox, delivered[1] + 600)
+    assert len(reports(sandbox)) == 3
+
+
+def test_client_limits_with_hostile_ssids(sandbox):
+    two_vaps(sandbox, config={"WLAN1_SSID": SPACED, "WLAN2_SSID": HOSTILE, "WLAN1_CLIENT_LIMIT": "3"})
+    sandbox.write("/etc/ath1_client_limit", "-1\n")
+    sandbox.set_stations("ath0", 2)
+    sandbox.start()
+    bssid0, bssid1 = BSSID0.replace(":", ""), BSSID1.replace(":", "")
+
+    # The configured limit of ath0 (3) is not reached with two stations.
+    iwevent(sandbox, "ath0", "Registered", OTHER)
+    assert sandbox.commands("logger") == []
+    assert [r[:2] for r in reports(sandbox)] == [("21", f"001122334466 {bssid0} [{hexed(SPACED)}]")]
+
+    # At the limit: the alert, and event 23 ahead of the association.
+    sandbox.set_stations("ath0", 3)
+    iwevent(sandbox, "ath0", "Registered")
+    assert [c.argv for c in sandbox.calls("logger")] == [
+        ["logger", "-t", "ALERT", f"[{SPACED}] reached maximum (3) no. of associated clients"]]
+    cmd = [l for l in sandbox.stdout().splitlines() if l.startswith("cmd: ")][-1]
+    assert cmd.startswith("cmd: tavo_client  -E 23 ") and "&tavo_client  -E 21 " in cmd
+    assert sorted(r[:2] for r in reports(sandbox)[1:]) == [
+        ("21", f"001122334455 {bssid0} [{hexed(SPACED)}]"), ("23", f"3 {bssid0} [{hexed(SPACED)}]")]
+
+    # A limit of -1 in the file is always reached, even on a VAP the driver
+    # reports empty; the 8-bit flag reads 255. The SSID reaches logger,
+    # tavo_client and the system log as plain data.
+    iwevent(sandbox, "ath1", "Registered")
+    assert sandbox.calls("logger")[-1].argv == [
+        "logger", "-t", "ALERT", f"[{HOSTILE}] reached maximum (-1) no. of associated clients"]
+    assert sorted(r[:2] for r in reports(sandbox)[3:]) == [
+        ("21", f"001122334455 {bssid1} [{hexed(HOSTILE)}]"), ("23", f"255 {bssid1} [{hexed(HOSTILE)}]")]
+    assert sandbox.syslog()[-1].message == f"__TOVELLOG__Client {STATION} associated to SSID {HOSTILE}"
+    assert not sandbox.exists("/tmp/pwned")
+
+
+PREFIX = ".1.3.6.1.4.1.9991.100.7.14.17"
+ROGUE1 = "02:AA:BB:CC:DD:01"
+ROGUE2 = "02:AA:BB:CC:DD:02"
+AIR_SSID = "$(touch${IFS}/tmp/pwned)`id`'q\"z"      # no blanks: an event field is one word
+TRAP_OID = ".1.3.6.1.6.3.1.1.4.1.0"
+
+
+def start_snmptrapd(sandbox):
+    """snmptrapd on 127.0.0.1:162 in the daemon's namespace, logging every
+    trap as one line with numeric OIDs; net-snmp keeps its state in the
+    sandbox."""
+    sandbox.write("/tmp/snmptrapd.conf", "disableAuthorization yes\n")
+    sandbox.write("/etc/snmp/snmp.conf", "mibs :\npersistentDir /tmp/snmp\nnoPersistentSave yes\n")
+    sandbox.spawn_in_ns(["env", "SNMP_PERSISTENT_DIR=/tmp/snmp", "snmptrapd", "-f", "-C", "-c",
+                         "/tmp/snmptrapd.conf", "-On", "-Lf", "/tmp/traps.log", "-F", "TRAP %v\n",
+                         "udp:127.0.0.1:162"])
+    log = sandbox.host_path("/tmp/traps.log")
+    deadline = time.monotonic() + 5
+    while not (log.exists() and "NET-SNMP" in log.read_text()):
+        assert time.monotonic() < deadline, "snmptrapd did not start"
+        time.sleep(0.02)
+    return log
+
+
+def received(log, count):
+    """The first count traps as (trap OID, [(oid, type, value)...]) without
+    sysUpTime; string values unquoted."""
+    deadline = time.monotonic() + 5
+    while len(lines := [l for l in log.read_text().splitlines() if l.startswith("TRAP ")]) < count:
+        assert time.monotonic() < deadline, log.read_text()
+        time.sleep(0.02)
+    traps = []
+    for line in lines:
+        binds = []
+        for item in line[len("TRAP "):].split("\t"):
+            oid, _, typed = item.partition(" = ")
+            kind, _, value = typed.partition(": ")
+            if kind == "STRING":
+                value = value[1:-1].replace('\\"', '"').replace("\\\\", "\\")
+            binds.append((oid, kind, value))
+        assert binds[1][:2] == (TRAP_OID, "OID")
+        traps.append((binds[1][2], binds[2:]))
+    return traps
+
+
+def seen_at(now, seconds_ago):
+    return {time.strftime("%H:%M %m-%d", time.localtime(t - seconds_ago)) for t in (now, now + 1)}
+
+
+@pytest.mark.skipif(not shutil.which("snmptrapd") or not shutil.which("snmptrap"),
+                    reason="net-snmp's snmptrap and snmptrapd are needed")
+def test_every_trap_reaches_a_real_snmptrapd(sandbox):
+    two_vaps(sandbox, config={"SNMP_TRAP1_IPADDR": "127.0.0.1", "R0_AP_CLIENT_LIMIT": "2"},
+             status={"WIFI0_RADIO_CONF_PREFIX": "R0_", "WIFI0_ATH_LIST": "0 1", "WIFI0_RADIO_POLICY": "na"})
+    sandbox.write("/proc/wifi0/neighbor_ap", f"02:AA:BB:CC:DD:00 1 2 3 4 5 6 7 8 9 10 [Other]\n"
+                  f"{ROGUE1.lower()} 11 12 13 14 15 6000 17 18 19 20 [{SPACED}]\n"
+                  f"{ROGUE2} 21 22 23 24 25 100 27 28 29 30 [{HOSTILE}]\n")
+    sandbox.use_real("/usr/sbin/snmptrap")
+    log = start_snmptrapd(sandbox)
+    sandbox.set_stations("ath0", 1)
+    sandbox.set_stations("ath1", 1)
+    sandbox.start()
+
+    now = sandbox.now()
+    send(sandbox, f"12:00:00.000000   wifi0    New Access Point/Cell address:{ROGUE1}",
+         f"12:00:00.000000   wifi0    New Access Point/Cell address:{ROGUE2}", pipe="/etc/iwevent_pipe")
+    iwevent(sandbox, "ath0", "Registered")  # two stations on the radio: its limit
+    send(sandbox, f"12:00:01.000000   ath0     Custom: ACL-EVENT.discard sta={OTHER} bssid={BSSID0} ssid={AIR_SSID}",
+         f"12:00:02.000000   ath0     Custom driver event:BEACON-EVENT.stuck addr={BSSID1}", pipe="/etc/iwevent_pipe")
+
+    p = PREFIX
+    (rogue1, r1), (rogue2, r2), (maxsta, m), (acl, a), (beacon, b) = received(log, 5)
+    assert (rogue1, rogue2, maxsta, acl, beacon) == (p + ".1.1", p + ".1.1", p + ".2.1", p + ".3.1", p + ".4.1")
+    assert r1[:8] == [(p + ".1.2.1", "STRING", ROGUE1), (p + ".1.2.2", "STRING", SPACED),
+                      (p + ".1.2.3", "INTEGER", "18"), (p + ".1.2.4", "INTEGER", "1"),
+                      (p + ".1.2.5", "INTEGER", "11"), (p + ".1.2.6", "INTEGER", "12"),
+                      (p + ".1.2.7", "INTEGER", "14"), (p + ".1.2.8", "INTEGER", "20")]
+    assert r1[8][:2] == (p + ".1.2.9", "STRING") and r1[8][2] in seen_at(now, 60) and len(r1) == 9
+    assert r2[1] == (p + ".1.2.2", "STRING", HOSTILE) and r2[2] == (p + ".1.2.3", "INTEGER", "28")
+    assert r2[8][2] in seen_at(now, 1)
+    assert m == [(p + ".2.2.1", "STRING", STATION), (p + ".2.2.2", "INTEGER", "1")]
+    # The SSID arrives under .3.2.2 like the BSSID.
+    assert a == [(p + ".3.2.1", "STRING", OTHER), (p + ".3.2.2", "STRING", BSSID0),
+                 (p + ".3.2.2", "STRING", AIR_SSID)]
+    assert b == [(p + ".4.2.1", "STRING", BSSID1)]
+    assert not sandbox.exists("/tmp/pwned")
