@@ -18,14 +18,6 @@ namespace {
 constexpr std::size_t kListLineMax = 127;
 constexpr std::size_t kStatsLineMax = 383;
 
-std::string dotted(std::uint32_t ip) {
-  struct in_addr addr {};
-  addr.s_addr = ip;
-  char text[INET_ADDRSTRLEN] = {};
-  ::inet_ntop(AF_INET, &addr, text, sizeof text);
-  return text;
-}
-
 std::string interface_name(const ClientRecord& record) {
   return common::cut(common::get_interface_name_by_idx(record.ifindex), common::kInterfaceNameMax);
 }
@@ -57,7 +49,7 @@ int replace(daemon_core::DaemonContext& ctx, const std::string& destination,
 std::string client_list_line(const ClientRecord& record, std::string_view ifname) {
   std::string name(ifname);
   return common::format_cut(kListLineMax, "%s:%s %s %d %d %d %d %d\n", name.c_str(),
-                            record.mac.c_str(), dotted(record.ip).c_str(), record.assoc_uptime,
+                            record.mac.c_str(), common::dotted_ipv4(record.ip).c_str(), record.assoc_uptime,
                             record.disassoc_uptime, static_cast<int>(record.assoc_count),
                             static_cast<int>(record.disassoc_count),
                             static_cast<int>(record.first_assoc_uptime));

@@ -32,14 +32,6 @@ bool mac_equal(std::string_view a, std::string_view b) {
   return true;
 }
 
-std::string dotted(std::uint32_t ip) {
-  struct in_addr addr {};
-  addr.s_addr = ip;
-  char text[INET_ADDRSTRLEN] = {};
-  ::inet_ntop(AF_INET, &addr, text, sizeof text);
-  return text;
-}
-
 std::uint32_t used_range(const daemon_core::DaemonContext& ctx) {
   return std::min<std::uint32_t>(ctx.client_count, kClientSlots);
 }
@@ -66,7 +58,7 @@ void init_records(daemon_core::DaemonContext& ctx) {
 }
 
 void clear_record(ClientRecord& record) {
-  if (record.ip != 0) config::del_portal_route(dotted(record.ip), record.vlan_id);
+  if (record.ip != 0) config::del_portal_route(common::dotted_ipv4(record.ip), record.vlan_id);
   if (!record.mac.empty()) {
     const config::taglist* conf = record.owner ? record.owner->masterconf.get() : nullptr;
     bandwidth::remove_bandwidth(conf, record.mac, record.ifindex, record.bandwidth);

@@ -30,14 +30,6 @@ std::uint32_t parse_address(std::string_view text) {
   return ::inet_addr(copy.c_str());
 }
 
-std::string dotted(std::uint32_t address) {
-  struct in_addr in {};
-  in.s_addr = address;
-  char buf[INET_ADDRSTRLEN] = {};
-  ::inet_ntop(AF_INET, &in, buf, sizeof buf);
-  return buf;
-}
-
 // "%d %d" of the extra text; nullopt unless both values are there.
 std::optional<std::pair<int, int>> scan_rates(std::optional<std::string_view> extra) {
   if (!extra) return std::nullopt;
@@ -96,9 +88,9 @@ void update_existing(daemon_core::DaemonContext& ctx, int slot, int code, int at
     case kEventIpLearned: {
       const std::uint32_t address = parse_address(*ip);
       if (address == rec.ip) break;
-      config::del_portal_route(dotted(rec.ip), rec.vlan_id);
+      config::del_portal_route(common::dotted_ipv4(rec.ip), rec.vlan_id);
       rec.ip = address;
-      if (rec.portal != 0) config::add_portal_route(dotted(rec.ip), rec.vlan_id);
+      if (rec.portal != 0) config::add_portal_route(common::dotted_ipv4(rec.ip), rec.vlan_id);
       break;
     }
     case kEventAssociated: {
@@ -121,7 +113,7 @@ void update_existing(daemon_core::DaemonContext& ctx, int slot, int code, int at
     case kEventDisassociated:
       rec.disassoc_uptime = static_cast<std::int32_t>(common::uptime_now());
       bandwidth::remove_bandwidth(conf, rec.mac, rec.ifindex, rec.bandwidth);
-      config::del_portal_route(dotted(rec.ip), rec.vlan_id);
+      config::del_portal_route(common::dotted_ipv4(rec.ip), rec.vlan_id);
       rec.disassoc_count += 1;
       rec.ip = 0;
       rec.current = 0;
@@ -180,7 +172,7 @@ void create_record(daemon_core::DaemonContext& ctx, const Lookup& where, int cod
   switch (code) {
     case kEventIpLearned:
       rec.ip = parse_address(*ip);
-      if (at_p && at_p->portal != 0) config::add_portal_route(dotted(at_p->ip), at_p->vlan_id);
+      if (at_p && at_p->portal != 0) config::add_portal_route(common::dotted_ipv4(at_p->ip), at_p->vlan_id);
       break;
     case kEventAssociated: {
       const long uptime = common::uptime_now();

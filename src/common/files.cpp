@@ -11,14 +11,6 @@
 
 namespace common {
 
-namespace {
-struct FileCloser {
-  void operator()(FILE* f) const {
-    if (f) std::fclose(f);
-  }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
 bool write_all(int fd, std::string_view data) {
   while (!data.empty()) {
     ssize_t n = ::write(fd, data.data(), data.size());
@@ -27,7 +19,6 @@ bool write_all(int fd, std::string_view data) {
   }
   return true;
 }
-}  // namespace
 
 int common_write_file(const std::string& path, std::string_view data) {
   FilePtr f(std::fopen(path.c_str(), "w"));

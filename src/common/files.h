@@ -1,10 +1,23 @@
 // Whole-file helpers.
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 
 namespace common {
+
+// An open stdio stream that is closed when it goes out of scope.
+struct FileCloser {
+  void operator()(std::FILE* f) const {
+    if (f) std::fclose(f);
+  }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Writes all of data to the descriptor; false when a write fails.
+bool write_all(int fd, std::string_view data);
 
 // Writes the buffer to the path (truncating). 0 when all of it was written,
 // -1 when the file cannot be opened or the write fell short.

@@ -1,20 +1,16 @@
 #include "common/iface.h"
 
+#include "common/files.h"
+
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
 namespace common {
 
-namespace {
-struct FileCloser {
-  void operator()(FILE* f) const { std::fclose(f); }
-};
-}  // namespace
-
 void read_interface_from_file(InterfaceTable& table) {
   for (auto& entry : table) entry.clear();
-  std::unique_ptr<FILE, FileCloser> f(std::fopen(kDevLanIfPath, "r"));
+  FilePtr f(std::fopen(kDevLanIfPath, "r"));
   if (!f) return;
   char line[50];
   for (std::size_t i = 0; i < kInterfaceSlots; ++i) {

@@ -1,5 +1,8 @@
 #include "common/text.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <vector>
@@ -44,6 +47,14 @@ std::string copy_as_own_format(std::string_view text) {
     if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%') ++i;
   }
   return out;
+}
+
+std::string dotted_ipv4(std::uint32_t address) {
+  struct in_addr in {};
+  in.s_addr = address;
+  char buf[INET_ADDRSTRLEN] = {};
+  ::inet_ntop(AF_INET, &in, buf, sizeof buf);
+  return buf;
 }
 
 }  // namespace common

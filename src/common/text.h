@@ -2,6 +2,7 @@
 // (checked by the compiler); data is only ever an argument.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,9 @@ std::string format_cut(std::size_t limit, const char* fmt, ...)
 // conversions: a copy in which "%%" reads "%". Used where a value used to be
 // its own format.
 std::string copy_as_own_format(std::string_view text);
+
+// Dotted text of an IPv4 address held in network byte order.
+std::string dotted_ipv4(std::uint32_t address);
 
 // At most n characters of the text.
 inline std::string cut(std::string_view text, std::size_t n) {

@@ -9,12 +9,13 @@
 #include <array>
 #include <unistd.h>
 
+#include "common/files.h"
 #include "common/text.h"
 
 namespace config {
 namespace {
 
-using FilePtr = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+using common::FilePtr;
 
 constexpr std::size_t kLineBuffer = 8192;
 
@@ -95,7 +96,7 @@ bool save_atomically(const taglist* list, const std::string& path) {
 }
 
 bool save_directly(const taglist* list, const std::string& path) {
-  FilePtr stream(std::fopen(path.c_str(), "w"), &std::fclose);
+  FilePtr stream(std::fopen(path.c_str(), "w"));
   if (!stream) return false;
   dump_taglist(list, stream.get());
   return true;
@@ -314,7 +315,7 @@ TagitemPtr parse_tagitem_line(std::string_view line, std::string_view prefix) {
 TaglistPtr load_taglist_ex(const std::string& path, int sorted, const char* prefix) {
   TaglistPtr list = create_taglist();
   if (sorted) sort_taglist(list.get());
-  FilePtr stream(std::fopen(path.c_str(), "r"), &std::fclose);
+  FilePtr stream(std::fopen(path.c_str(), "r"));
   if (!stream) return list;
   const std::string_view filter = prefix != nullptr ? prefix : "";
   std::vector<char> buffer(kLineBuffer);

@@ -17,6 +17,7 @@
 #include "clients/table.h"
 #include "clients/update.h"
 #include "common/clock.h"
+#include "common/files.h"
 #include "common/iface.h"
 #include "common/mac.h"
 #include "common/text.h"
@@ -32,10 +33,6 @@ constexpr std::size_t kReadLimit = 1023;
 constexpr std::size_t kWordLimit = 1023;
 constexpr std::size_t kMacLength = 17;
 constexpr int kWlanCount = 16;
-
-struct FileCloser {
-  void operator()(FILE* f) const { std::fclose(f); }
-};
 
 bool is_blank(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
@@ -148,7 +145,7 @@ void report_rogue_ap(DaemonContext& ctx, std::string_view line) {
   if (radio_text.empty()) return;
   const int radio = std::atoi(radio_text.c_str());
   const std::string path = common::format("/proc/wifi%d/neighbor_ap", radio);
-  std::unique_ptr<FILE, FileCloser> file(std::fopen(path.c_str(), "r"));
+  common::FilePtr file(std::fopen(path.c_str(), "r"));
   if (!file) return;
   char buf[1024];
   while (std::fgets(buf, sizeof buf, file.get())) {

@@ -29,15 +29,6 @@ std::string store_path(std::string_view name) {
   return common::format_cut(kRuleMax, "%s/%s", kRuleStoreDir, std::string(name).c_str());
 }
 
-bool write_all(int fd, std::string_view data) {
-  while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
-    if (n <= 0) return false;
-    data.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
-}
-
 // The whole store file; nullopt when it cannot be opened (a symbolic link
 // planted in its place is not followed).
 std::optional<std::string> read_store_file(const std::string& path) {
@@ -137,7 +128,7 @@ int ebt_rule_store_add(std::string_view name, std::string_view rule) {
   if (fd < 0) return -1;
   std::string line(rule);
   line.push_back('\n');
-  write_all(fd, line);
+  common::write_all(fd, line);
   ::close(fd);
   run_background_tool(common::format_cut(kRuleMax, "ebtables -t broute -I BROUTING %s",
                                          std::string(rule).c_str()));
