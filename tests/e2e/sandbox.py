@@ -171,7 +171,14 @@ class Sandbox:
                   *(f"shadow/proc/wifi{n}" for n in range(4))):
             (r / d).mkdir(parents=True)
         os.chmod(r / "tmp", 0o1777)
-        stub = str(HERE / "stub.py")
+        # The checkout may sit under /tmp or /run, which the sandbox covers:
+        # everything used inside it is copied into the sandbox directory.
+        (r / "host").mkdir()
+        for src in (self.daemon_path, self.shim_path, HERE / "stub.py", HERE / "nsinit.sh"):
+            shutil.copy2(src, r / "host" / src.name)
+        self.daemon_path = r / "host" / self.daemon_path.name
+        self.shim_path = r / "host" / self.shim_path.name
+        stub = str(r / "host" / "stub.py")
         for tool in PATH_TOOLS:
             os.symlink(stub, r / "bin" / tool)
         for path in SBIN_TOOLS:
@@ -187,7 +194,7 @@ class Sandbox:
         with open(self.root / "nsinit.log", "wb") as log:
             self._init = subprocess.Popen(
                 ["unshare", *user, "--mount", "--net", "--pid", "--kill-child", "--propagation",
-                 "private", "/bin/sh", str(HERE / "nsinit.sh"), str(self.root)],
+                 "private", "/bin/sh", str(self.root / "host" / "nsinit.sh"), str(self.root)],
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log)
         if self._init.stdout.readline() != b"ready\n":
             self._init.wait(5)
