@@ -8,22 +8,35 @@
 
 namespace common {
 
+InterfaceTable parse_interface_table(std::string_view text) {
+  InterfaceTable table;
+  for (std::size_t i = 0; i < kInterfaceSlots && !text.empty(); ++i) {
+    const std::size_t end = text.find_first_of("\r\n");
+    table[i] = std::string(text.substr(0, std::min({end, text.size(), kInterfaceNameMax})));
+    const std::size_t next = text.find('\n');
+    if (next == std::string_view::npos) break;
+    text.remove_prefix(next + 1);
+  }
+  return table;
+}
+
 void read_interface_from_file(InterfaceTable& table) {
   for (auto& entry : table) entry.clear();
   FilePtr f(std::fopen(kDevLanIfPath, "r"));
   if (!f) return;
+  std::string text;
   char line[50];
-  for (std::size_t i = 0; i < kInterfaceSlots; ++i) {
-    line[0] = '\0';
-    if (!std::fgets(line, sizeof line, f.get())) break;
-    std::size_t len = std::strcspn(line, "\r\n");
-    table[i].assign(line, std::min(len, kInterfaceNameMax));
+  // Lines are read in pieces of at most 49 characters, as the device does;
+  // a longer line's rest counts as a line of its own.
+  for (std::size_t i = 0; i < kInterfaceSlots && std::fgets(line, sizeof line, f.get()); ++i) {
+    std::string_view piece(line);
+    if (piece.empty() || piece.back() != '\n') text.append(piece).push_back('\n');
+    else text.append(piece);
   }
+  table = parse_interface_table(text);
 }
 
-int get_interface_idx_by_name(std::string_view name) {
-  InterfaceTable table;
-  read_interface_from_file(table);
+int interface_index_in(const InterfaceTable& table, std::string_view name) {
   for (std::size_t i = 0; i < kInterfaceSlots; ++i)
     if (!table[i].empty() && table[i] == name) return static_cast<int>(i);
   std::string copy(name);
@@ -32,12 +45,22 @@ int get_interface_idx_by_name(std::string_view name) {
   return 0;
 }
 
-std::string get_interface_name_by_idx(int index) {
-  InterfaceTable table;
-  read_interface_from_file(table);
+std::string interface_name_in(const InterfaceTable& table, int index) {
   if (index >= 0 && index < static_cast<int>(kInterfaceSlots) && !table[index].empty())
     return table[index];
   return "ath" + std::to_string(index);
+}
+
+int get_interface_idx_by_name(std::string_view name) {
+  InterfaceTable table;
+  read_interface_from_file(table);
+  return interface_index_in(table, name);
+}
+
+std::string get_interface_name_by_idx(int index) {
+  InterfaceTable table;
+  read_interface_from_file(table);
+  return interface_name_in(table, index);
 }
 
 }  // namespace common

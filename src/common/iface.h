@@ -16,6 +16,13 @@ inline constexpr std::size_t kInterfaceNameMax = 19;
 
 using InterfaceTable = std::array<std::string, kInterfaceSlots>;
 
+// The table from the text of an interface file: at most 16 lines, each
+// taken up to its first CR or LF and cut to 19 characters.
+InterfaceTable parse_interface_table(std::string_view text);
+// Lookups in a given table (the file-reading ones below use these).
+int interface_index_in(const InterfaceTable& table, std::string_view name);
+std::string interface_name_in(const InterfaceTable& table, int index);
+
 // Clears the table and fills it from "/etc/dev_lan_if" (at most 16 lines,
 // each up to its first CR or LF). A missing file leaves the table empty.
 void read_interface_from_file(InterfaceTable& table);
