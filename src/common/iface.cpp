@@ -2,6 +2,7 @@
 
 #include "common/files.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
