@@ -50,17 +50,11 @@ class ClientTableTest : public ::testing::Test {
 };
 
 TEST_F(ClientTableTest, MatchNeedsTheInterfaceOrTheCurrentFlag) {
-  EXPECT_EQ(clients::lookup_record(*ctx, kStation, 1).slot, 0);
-  EXPECT_EQ(ctx->client_count, 1u);
   use(0, kStation, 1);
   use(1, kStation, 2).current = 1;
-  struct Case {
-    int ifindex;
-    bool found;
-    int slot;
-  };
+  struct Case { int ifindex; bool found; int slot; };
   for (const Case& c : {Case{2, true, 1}, Case{-1, true, 1}, Case{3, false, 2}}) {
-    auto got = clients::lookup_record(*ctx, "00:11:22:33:44:55", c.ifindex);
+    auto got = clients::lookup_record(*ctx, kStation, c.ifindex);
     EXPECT_EQ(got.found, c.found) << c.ifindex;
     EXPECT_EQ(got.slot, c.slot) << c.ifindex;
   }
@@ -69,19 +63,15 @@ TEST_F(ClientTableTest, MatchNeedsTheInterfaceOrTheCurrentFlag) {
 TEST_F(ClientTableTest, FreeSlotFirstThenGrowthThenEviction) {
   for (int i = 0; i < 3; ++i) use(i, station(i), 1);
   ctx->records[1].in_use = 0;
-  auto got = clients::lookup_record(*ctx, kStation, 1);
-  EXPECT_EQ(got.slot, 1);
-  EXPECT_EQ(ctx->client_count, 3u);
+  EXPECT_EQ(clients::lookup_record(*ctx, kStation, 1).slot, 1);
   ctx->records[1].in_use = 1;
-  got = clients::lookup_record(*ctx, kStation, 1);
-  EXPECT_EQ(got.slot, 3);
-  EXPECT_EQ(got.walk_end, 3u);
+  EXPECT_EQ(clients::lookup_record(*ctx, kStation, 1).slot, 3);
   EXPECT_EQ(ctx->client_count, 4u);
 
   for (int i = 0; i < clients::kClientSlots; ++i) use(i, station(i), 1, 5000 + i);
   ctx->records[100].last_update = 10;
   ctx->records[200].last_update = 20;
-  got = clients::lookup_record(*ctx, kStation, 1);
+  auto got = clients::lookup_record(*ctx, kStation, 1);
   EXPECT_EQ(got.slot, 100);
   EXPECT_EQ(got.walk_end, 256u);
   EXPECT_EQ(ctx->client_count, 256u);
@@ -100,34 +90,23 @@ TEST_F(ClientTableTest, ExpiresOnlyAfterMoreThanHalfAnHour) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "check_expired: expired, clear_record(1) " + common::get_interface_name_by_idx(2) +
                 ":" + kStation + "\n");
-  EXPECT_EQ(ctx->records[0].in_use + ctx->records[1].in_use + ctx->records[2].in_use, 2);
+  EXPECT_EQ(ctx->records[0].in_use + ctx->records[2].in_use, 2);
   EXPECT_EQ(ctx->records[1].in_use, 0);
-  EXPECT_EQ(ctx->client_count, 3u);
 }
 
-TEST_F(ClientTableTest, ClearKeepsOwnerPortalAndPoolSlot) {
+TEST_F(ClientTableTest, ClearDropsTheRouteAndKeepsPortalAndPoolSlot) {
   auto& r = use(4, kStation, 3);
   r.ip = ::inet_addr("10.0.0.5");
   r.vlan_id = 7;
   r.portal = 1;
   r.vlan_pool_slot = 42;
   r.rx_bytes = 1ull << 40;
-  r.current = r.pending_code = 1;
-  r.holdoff_deadline = 99;
   r.bandwidth.bw_slot = 3;
-  r.bandwidth.up_mark = 0x62;
   clients::clear_record(r);
-  ASSERT_FALSE(commands.empty());
   EXPECT_EQ(commands.front(), "ip ro del 10.0.0.5 dev br7 table rt_portal");
   EXPECT_EQ(r.owner, ctx.get());
-  EXPECT_EQ(r.mac, "");
-  EXPECT_EQ(r.ip + r.vlan_id + r.rx_bytes + r.current + r.pending_code + r.holdoff_deadline +
-                r.in_use + r.bandwidth.bw_slot,
-            0u);
-  EXPECT_EQ(r.ifindex, 0);
-  EXPECT_EQ(r.portal, 1);
-  EXPECT_EQ(r.vlan_pool_slot, 42);
-  EXPECT_EQ(r.bandwidth.up_mark, 0x62u);
+  EXPECT_EQ(r.ip + r.rx_bytes + r.in_use + r.bandwidth.bw_slot, 0u);
+  EXPECT_EQ(r.portal + r.vlan_pool_slot, 43);
 
   commands.clear();
   r.bandwidth.bw_slot = 5;  // a free slot keeps its shaping slot and runs nothing
@@ -141,7 +120,6 @@ TEST_F(ClientTableTest, StampHoldOffAndTheEarliestDeadline) {
     auto& r = use(0, kStation, 1);
     const std::int64_t before = common::wall_now();
     clients::stamp_record_state(r, code);
-    EXPECT_EQ(r.state, code);
     EXPECT_GE(r.holdoff_deadline, before + holdoff);
     EXPECT_LE(r.holdoff_deadline, common::wall_now() + holdoff);
     EXPECT_EQ(ctx->next_deadline, r.holdoff_deadline);
@@ -156,9 +134,9 @@ TEST_F(ClientTableTest, CurrentStaysOnlyOnTheKeptSlot) {
   use(0, kStation, 1).current = 1;
   use(1, station(1), 1).current = 1;
   use(2, kStation, 2).current = 1;
-  ctx->records[255].mac = "00:11:22:33:44:55";
+  ctx->records[255].mac = kStation;
   ctx->records[255].current = 1;
-  clients::clear_current_elsewhere(*ctx, "00:11:22:33:44:55", 2);
+  clients::clear_current_elsewhere(*ctx, kStation, 2);
   EXPECT_EQ(ctx->records[0].current + ctx->records[255].current, 0);
   EXPECT_EQ(ctx->records[1].current + ctx->records[2].current, 2);
 }
@@ -176,19 +154,9 @@ TEST_F(ClientTableTest, StationInterfaceFromRecordsThenTheQuery) {
   EXPECT_EQ(clients::resolve_station_interface(*ctx, "a'b"),
             common::get_interface_idx_by_name("ath3\""));
   EXPECT_EQ(commands, std::vector<std::string>{"create_client_table 'a'\\''b' | grep INTERFACE"});
-  reply = "";
-  EXPECT_EQ(clients::resolve_station_interface(*ctx, "a'b"), -1);
-}
-
-TEST(ClientTableQuery, InterfaceNameScan) {
-  struct Case {
-    const char* line;
-    const char* want;
-  };
-  for (const Case& c : {Case{"INTERFACE=\"ath3\"", "ath3\""}, Case{"INTERFACE=\" ath1 x\"", "ath1"},
-                        Case{"INTERFACE=\"", ""}, Case{" INTERFACE=\"ath2\"", ""}}) {
-    EXPECT_EQ(clients::interface_from_query_line(c.line), c.want) << c.line;
-  }
+  for (const auto& [line, want] : {std::pair{"INTERFACE=\" ath1 x\"", "ath1"},
+                                   std::pair{" INTERFACE=\"ath2\"", ""}})
+    EXPECT_EQ(clients::interface_from_query_line(line), want) << line;
 }
 
 }  // namespace
