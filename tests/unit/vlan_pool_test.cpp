@@ -15,6 +15,7 @@ using Pool = std::vector<std::uint16_t>;
 
 constexpr const char* kStation = "00:11:22:33:44:55";
 
+// Records every command instead of running it while in scope.
 struct Recorded {
   std::vector<std::string> commands;
   common::CommandRecorder recorder{[this](const std::string& c) { commands.push_back(c); }, {}};
@@ -22,91 +23,53 @@ struct Recorded {
   ~Recorded() { common::set_command_recorder(nullptr); }
 };
 
-Pool range(int first, int last) {
-  Pool out;
-  for (int v = first; v <= last; ++v) out.push_back(static_cast<std::uint16_t>(v));
-  return out;
+Pool range(int first, int last, Pool head = {}) {
+  for (int v = first; v <= last; ++v) head.push_back(static_cast<std::uint16_t>(v));
+  return head;
 }
-
-Pool concat(Pool a, const Pool& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+Pool zero_filled(Pool head) {
+  head.resize(32, 0);
+  return head;
 }
 
 TEST(VlanPoolParse, Table) {
-  struct Case {
-    std::string in;
-    Pool want;
-  };
-  const std::vector<Case> cases = {
+  struct Case { std::string in; Pool want; };
+  const Case cases[] = {
       {"10,20-22,30", {10, 20, 21, 22, 30}},
       {"5;6 7|8", {5, 6, 7, 8}},
       {"1-40", range(1, 32)},
-      {"1-3,5-40", concat(range(1, 3), range(5, 33))},
-      {"", {}},
+      {"1-3,5-40", range(5, 33, {1, 2, 3})},
       {"abc,,;", {}},
-      {"22-20", {}},          // reversed range adds nothing
-      {"22-20,7", {7}},
+      {"22-20,7", {7}},       // a reversed range adds nothing
       {"20-", {}},            // a range without an end is empty
-      {"-5", {5}},
       {"1--5", {5}},
-      {"x10y", {10}},
-      {"0,4095", {0, 4095}},
       {"4090-5000", range(4090, 4095)},
       // A value of 4096 or more moves on by one character only: the rest of
       // its digits is read again as a number of its own.
-      {"4096", {96}},
       {"1,9999,2", {1, 999, 2}},
       // Five or more digits read as 0 over and over: the pool fills with 0.
-      {"12345", Pool(32, 0)},
-      {"10,20,123456", concat({10, 20}, Pool(30, 0))},
-      {"1-12345", Pool(32, 0)},
+      {"10,20,123456", zero_filled({10, 20})},
+      {std::string(100000, '9'), zero_filled({})},
   };
-  for (const auto& c : cases) EXPECT_EQ(vlan::parse_vlan_pool(c.in), c.want) << c.in;
-}
-
-TEST(VlanPoolParse, StopsAtThirtyTwoOnLongInput) {
-  std::string list;
-  for (int v = 1; v <= 3000; ++v) list += std::to_string(v) + ",";
-  EXPECT_EQ(vlan::parse_vlan_pool(list), range(1, 32));
-
-  std::string junk(200000, '-');
-  for (std::size_t i = 0; i < junk.size(); i += 7) junk[i] = static_cast<char>('0' + i % 10);
-  EXPECT_LE(vlan::parse_vlan_pool(junk).size(), 32u);
-  EXPECT_EQ(vlan::parse_vlan_pool(std::string(100000, '9')), Pool(32, 0));
+  for (const auto& c : cases) EXPECT_EQ(vlan::parse_vlan_pool(c.in), c.want) << c.in.substr(0, 20);
 }
 
 TEST(VlanPoolPick, MacSumAndIndex) {
-  EXPECT_EQ(vlan::pool_mac_sum("00:11:22:00:00:05"), 5u);
   EXPECT_EQ(vlan::pool_mac_sum("00:00:00:10:20:30"), 96u);
-  EXPECT_EQ(vlan::pool_mac_sum("aa:bb:cc:dd:ee:ff"), 714u);
   EXPECT_EQ(vlan::pool_mac_sum("AA:BB:CC:DD:EE:FF"), 714u);
   EXPECT_EQ(vlan::pool_mac_sum("00:00:00:zz:0g:"), 0u);
-  EXPECT_EQ(vlan::pool_mac_sum(""), 0u);
-
-  const Pool pool = range(100, 103);
-  EXPECT_EQ(vlan::pool_vlan_for_mac(pool, "00:11:22:00:00:05"), 101);
-  EXPECT_EQ(vlan::pool_vlan_for_mac(pool, "00:11:22:00:00:04"), 100);
+  EXPECT_EQ(vlan::pool_vlan_for_mac(range(100, 103), "00:11:22:00:00:05"), 101);
+  EXPECT_EQ(vlan::pool_vlan_for_mac(range(100, 103), "00:11:22:00:00:04"), 100);
   EXPECT_EQ(vlan::pool_vlan_for_mac({}, "00:11:22:00:00:05"), 0);
 }
 
-TEST(VlanPoolSettings, DynamicMode) {
-  struct Case {
-    const char* in;
-    int want;
-  };
-  for (const Case& c : {Case{"required", 2}, Case{"optional", 1}, Case{"disable", 0},
-                        Case{"", 1}, Case{"other", 1}, Case{"disable,required", 2}})
-    EXPECT_EQ(vlan::dynamic_vlan_mode(c.in), c.want) << c.in;
-}
-
-TEST(VlanPoolSettings, ForwardDropRule) {
+TEST(VlanPoolSettings, DynamicModeAndForwardInterface) {
+  const std::pair<const char*, int> modes[] = {{"required", 2}, {"disable", 0}, {"", 1},
+                                               {"other", 1},    {"disable,required", 2}};
+  for (const auto& [in, want] : modes) EXPECT_EQ(vlan::dynamic_vlan_mode(in), want) << in;
   EXPECT_EQ(vlan::forward_output_interface("br0", 0), "br0");
-  EXPECT_EQ(vlan::forward_output_interface("br0", 100), "br0.100");
   EXPECT_EQ(vlan::forward_output_interface("br0", -1), "br0.-1");
   EXPECT_EQ(vlan::forward_output_interface("bridge0", 1234), "bridge0.1");
-  EXPECT_EQ(vlan::forward_drop_command("-D", 2, "br0.100"),
-            "/sbin/ebtables -t filter -D FORWARD -p ! 802_1Q -i ath2 -o br0.100 -j DROP");
   EXPECT_EQ(vlan::forward_drop_command("-I", 0, "a b"),
             "/sbin/ebtables -t filter -I FORWARD -p ! 802_1Q -i ath0 -o 'a b' -j DROP");
 }
@@ -120,10 +83,58 @@ TEST(VlanPoolAssign, StationWithVlanOrDuringReloadIsLeftAlone) {
   record.vlan_pool_slot = 7;
   vlan::process_sta_vlan_pool(*ctx, 0, record);
   EXPECT_EQ(record.vlan_pool_slot, 7);
-
   record.vlan_pool_slot = 0;
   ctx->fast_poll = 1;
   vlan::process_sta_vlan_pool(*ctx, 0, record);
+  EXPECT_EQ(record.vlan_pool_slot, 0);
+  EXPECT_TRUE(rec.commands.empty());
+}
+
+TEST(VlanRules, DownstreamTargetAndCut) {
+  struct Case { int wlan_vlan, untag; const char* tail; };
+  for (const Case& c : {Case{20, 10, "--setvlan 20 --setvlan-target DROP"},
+                        Case{0, 10, "--setvlan 4096 --setvlan-target ACCEPT"},
+                        Case{10, 10, "--setvlan 4096 --setvlan-target ACCEPT"},
+                        Case{-1, 0, "--setvlan -1 --setvlan-target DROP"}})
+    EXPECT_EQ(vlan::sta_vlan_downstream_rule("br0", kStation, c.wlan_vlan, c.untag),
+              std::string("-p ! 0x888e -i br0 -d 00:11:22:33:44:55 -j svlan ") + c.tail)
+        << c.wlan_vlan << "/" << c.untag;
+  EXPECT_EQ(vlan::sta_vlan_downstream_rule(std::string(200, 'b'), kStation, 0, 0).size(), 127u);
+}
+
+TEST(VlanRules, StoreNamesAndReplayedRulesArePlain) {
+  Recorded rec;
+  for (const char* bad : {"", "../../etc/passwd", "AA:BB:CC:DD:EE:FF", "00:11:22:33:44:55/x",
+                          "00:11:22:33:44:55 ", "00-11-22-33-44-55"}) {
+    EXPECT_FALSE(vlan::is_rule_store_name(bad)) << bad;
+    EXPECT_EQ(vlan::ebt_rule_store_add(bad, "-p ! 0x888e"), -1) << bad;
+    EXPECT_EQ(vlan::ebt_rule_store_flush(bad, 1), -1) << bad;
+  }
+  EXPECT_TRUE(rec.commands.empty());
+  EXPECT_TRUE(vlan::is_rule_store_name(kStation));
+  EXPECT_TRUE(vlan::is_replayable_rule(vlan::sta_vlan_downstream_rule("br 0", kStation, 5, 0)));
+  for (const char* bad : {"-i br0; reboot", "-i $(id)", "-i `id`", "-i 'br0", "-i br0\nreboot",
+                          "-i br0 > /etc/passwd", "-i \"x\"", "-i br0 & x"})
+    EXPECT_FALSE(vlan::is_replayable_rule(bad)) << bad;
+}
+
+TEST(VlanRules, StoredLinesAsTheFlushReadsThem) {
+  EXPECT_EQ(vlan::stored_rule_lines("a b\ncd\n"), (std::vector<std::string>{"a b", "cd"}));
+  EXPECT_EQ(vlan::stored_rule_lines("abc"), std::vector<std::string>{"ab"});
+  // A longer line comes in 127-character pieces, each losing its last one.
+  EXPECT_EQ(vlan::stored_rule_lines(std::string(130, 'x') + "\n"),
+            (std::vector<std::string>{std::string(126, 'x'), "xxx"}));
+}
+
+TEST(VlanRules, UpdateOutsideBridgeModeOrWithUntaggedVlanChangesNothing) {
+  Recorded rec;
+  auto ctx = std::make_unique<daemon_core::DaemonContext>();
+  clients::ClientRecord record;
+  record.mac = kStation;
+  vlan::handle_sta_vlan_update(*ctx, record, 0, 20);
+  ctx->vlan.bridge_mode = 1;
+  ctx->vlan.untag_vlan = 20;
+  for (int vlan_id : {20, 0, -3}) vlan::handle_sta_vlan_update(*ctx, record, 0, vlan_id);
   EXPECT_EQ(record.vlan_pool_slot, 0);
   EXPECT_TRUE(rec.commands.empty());
 }
