@@ -8,7 +8,6 @@
 #include "clients/update.h"
 #include "common/runner.h"
 #include "common/text.h"
-#include "config/taglist.h"
 #include "daemon/context.h"
 
 namespace {
@@ -29,24 +28,14 @@ class UpdateHandler : public ::testing::Test {
   }
   void TearDown() override { common::set_command_recorder(nullptr); }
 
-  void configure(std::string_view text) {
-    ctx_->masterconf = std::shared_ptr<config::taglist>(config::load_taglist_buffer(text, 1).release());
-  }
   int update(int code, int ifindex, std::string_view mac, std::optional<std::string_view> ip = nullopt,
              std::optional<std::string_view> extra = nullopt) {
     return clients::update_client_table(*ctx_, code, ifindex, mac, ip, extra);
   }
-  std::vector<std::string> commands_matching(std::string_view prefix) const {
-    std::vector<std::string> out;
-    for (const auto& c : commands_)
-      if (c.rfind(prefix, 0) == 0) out.push_back(c);
-    return out;
-  }
   clients::ClientRecord& rec(int slot) { return ctx_->records[slot]; }
 
   std::unique_ptr<daemon_core::DaemonContext> ctx_ = std::make_unique<daemon_core::DaemonContext>();
-  std::vector<std::string> commands_;
-  common::CommandRecorder recorder_{[this](const std::string& c) { commands_.push_back(c); },
+  common::CommandRecorder recorder_{[](const std::string&) {},
                                     [](const std::string&) { return std::optional<std::string>(); }};
 };
 
@@ -58,22 +47,6 @@ TEST_F(UpdateHandler, RefusalsAndCodesThatTakeNoSlot) {
   EXPECT_EQ(rec(0).in_use, 0);
 }
 
-TEST_F(UpdateHandler, AddressChangeMovesThePortalRoute) {
-  configure("WLAN1_PORTAL=\"enable\"\nWLAN1_VLANID=\"7\"\n");
-  EXPECT_EQ(update(10, 0, kStation, "10.0.0.5 ath0"), kUpdateCreated);
-  EXPECT_EQ(update(10, 0, kStation, "10.0.0.5"), kUpdateExisting);  // same address: nothing
-  EXPECT_EQ(update(10, 0, kStation, "10.0.0.9"), kUpdateExisting);
-  EXPECT_EQ(commands_matching("ip ro"), (std::vector<std::string>{
-                                            "ip ro add 10.0.0.5 dev br7 table rt_portal",
-                                            "ip ro del 10.0.0.5 dev br7 table rt_portal",
-                                            "ip ro add 10.0.0.9 dev br7 table rt_portal"}));
-  configure("");  // a station without portal: the old route is still deleted
-  update(10, 0, kOther, "10.0.0.10");
-  update(10, 0, kOther, "10.0.0.11");
-  EXPECT_EQ(commands_matching("ip ro add").size(), 2u);
-  EXPECT_EQ(commands_matching("ip ro del").size(), 2u);
-}
-
 TEST_F(UpdateHandler, RepeatedAssociationKeepsTheSlotAndFirstUptime) {
   EXPECT_EQ(update(11, 1, kStation), kUpdateCreated);
   const auto first = rec(0).first_assoc_uptime;
@@ -81,22 +54,6 @@ TEST_F(UpdateHandler, RepeatedAssociationKeepsTheSlotAndFirstUptime) {
   EXPECT_EQ(rec(0).assoc_count, 2u);
   EXPECT_EQ(rec(0).first_assoc_uptime, first);
   EXPECT_EQ(ctx_->client_count, 1u);
-}
-
-TEST_F(UpdateHandler, RateChangeUsesConfiguredRatesForMinusOne) {
-  configure("WLAN1_BANDWIDTH_CONTROL=\"enable\"\nWLAN1_CLIENT_BANDWIDTH_UPSTREAM=\"300\"\n"
-            "WLAN1_CLIENT_BANDWIDTH_DOWNSTREAM=\"600\"\n");
-  update(11, 0, kStation);
-  update(20, 0, kStation, nullopt, "512 1024");
-  EXPECT_EQ(rec(0).bandwidth.up_rate + rec(0).bandwidth.down_rate, 512 + 1024);
-  commands_.clear();
-  update(20, 0, kStation, nullopt, "512 1024");
-  EXPECT_TRUE(commands_.empty()) << "unchanged rates are not re-applied";
-  update(20, 0, kStation, nullopt, "-1 -1");
-  EXPECT_EQ(rec(0).bandwidth.up_rate, 300);
-  EXPECT_EQ(rec(0).bandwidth.down_rate, 600);
-  EXPECT_FALSE(commands_matching("tc class del").empty());
-  EXPECT_FALSE(commands_matching("tc class add").empty());
 }
 
 TEST_F(UpdateHandler, OtherCodesStampKnownStationsAndMacAuthCreates) {

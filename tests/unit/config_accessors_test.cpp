@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
@@ -54,17 +53,6 @@ TEST(AccessorsStatus, AthListScanKeepsTheCountBeyondTheArray) {
     want.resize(out.size(), -9);
     EXPECT_EQ(std::vector<int>(out.begin(), out.end()), want) << c.text;
   }
-}
-
-TEST(AccessorsPortalRoute, DestinationQuotedAndCommandCut) {
-  std::vector<std::string> commands;
-  common::CommandRecorder recorder{[&](const std::string& c) { commands.push_back(c); }, {}};
-  common::set_command_recorder(&recorder);
-  config::del_portal_route("1.2.3.4; reboot", 12);
-  config::del_portal_route(std::string(200, '9'), 1);
-  common::set_command_recorder(nullptr);
-  EXPECT_EQ(commands, (std::vector<std::string>{"ip ro del '1.2.3.4; reboot' dev br12 table rt_portal",
-                                                "ip ro del " + std::string(117, '9')}));
 }
 
 }  // namespace
