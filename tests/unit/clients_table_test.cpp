@@ -110,15 +110,4 @@ TEST_F(ClientTableTest, EarliestDeadlineOfRecordsInUse) {
   EXPECT_EQ(clients::earliest_deadline(*ctx), 400);
 }
 
-TEST_F(ClientTableTest, CurrentStaysOnlyOnTheKeptSlot) {
-  use(0, kStation, 1).current = 1;
-  use(1, station(1), 1).current = 1;
-  use(2, kStation, 2).current = 1;
-  ctx->records[255].mac = kStation;
-  ctx->records[255].current = 1;
-  clients::clear_current_elsewhere(*ctx, kStation, 2);
-  EXPECT_EQ(ctx->records[0].current + ctx->records[255].current, 0);
-  EXPECT_EQ(ctx->records[1].current + ctx->records[2].current, 2);
-}
-
 }  // namespace

@@ -68,12 +68,9 @@ TEST(TaglistLoad, FileAndBufferRules) {
   EXPECT_EQ(load_taglist_ex(dir + "none", 1, nullptr)->count, 0);
   write_file(path, "WLAN0_SSID=\"s\"\nATH0_RADIO=\"0\"\n");
   EXPECT_EQ(dump_taglist_string(load_taglist_ex(path, 1, "WLAN").get()), "WLAN0_SSID=\"s\"\n");
-  // A long file line is taken in pieces; a long buffer line is cut.
+  // A long file line is taken in pieces.
   write_file(path, "A=" + std::string(8189, 'x') + "C=\"tail\"\nB=2\n");
   EXPECT_EQ(get_taglist_default(load_taglist_ex(path, 1, nullptr).get(), "C", ""), "tail");
-  TaglistPtr cut = load_taglist_buffer("A=" + std::string(9000, 'x') + "\nB=2\n", 0);
-  EXPECT_EQ(get_taglist_default(cut.get(), "A", "").size(), 8189u);
-  EXPECT_EQ(get_taglist_default(cut.get(), "B", ""), "2");
   // A buffer stops at an empty line and drops a last line without newline.
   EXPECT_EQ(dump_taglist_string(load_taglist_buffer("A=1\r\n\r\n\nB=2\nC=3", 1).get()),
             "A=\"1\"\nB=\"2\"\n");
@@ -103,18 +100,6 @@ TEST(TaglistRemove, UnsortedMovesLastItemIntoTheHole) {
   TaglistPtr unsorted = make_list(0, {{"A", "1"}, {"B", "2"}, {"C", "3"}});
   EXPECT_EQ(remove_taglist(unsorted.get(), "A"), 1);
   EXPECT_EQ(dump_taglist_string(unsorted.get()), "C=\"3\"\nB=\"2\"\n");
-}
-
-TEST(TaglistPattern, FormatsOnlyPatternsWithPercent) {
-  const std::string long_key(kTaglistMaxKey, 'k');
-  TaglistPtr list = make_list(1, {{"ATH3_RADIO", "1"}, {long_key.c_str(), "L"}});
-  EXPECT_EQ(get_taglist_default_ex(list.get(), "x", "ATH%d_RADIO", 3), "1");
-  EXPECT_EQ(get_taglist_default_ex(list.get(), "x", "ATH%d_RADIO", 4), "x");
-  const std::string longer = long_key + std::string(200, 'k');
-  EXPECT_EQ(exist_taglist(list.get(), "%s", longer.c_str()), 1);  // cut to 255
-  EXPECT_EQ(exist_taglist_key(list.get(), longer), 0);
-  TaglistPtr unsorted = make_list(0, {{"A%B", "1"}});  // an unsorted insert reads "%%" as "%"
-  EXPECT_EQ(insert_taglist(unsorted.get(), create_tagitem("A%%B", "2")), 0);
 }
 
 TEST(TaglistSave, ModesAndSymlink) {
