@@ -1,6 +1,7 @@
 #include "vlan/rules.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -24,6 +25,13 @@ constexpr std::size_t kBackgroundMax = 255;
 // The downstream rule's VLAN outside the 802.1Q range: frames to the
 // station leave untagged.
 constexpr int kUntaggedSvlan = 4096;
+
+// The store directory sits under /tmp: it is used only when it is a real
+// directory of our own, never a symbolic link someone planted there.
+bool store_dir_is_ours() {
+  struct stat st {};
+  return ::lstat(kRuleStoreDir, &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == ::geteuid();
+}
 
 std::string store_path(std::string_view name) {
   return common::format_cut(kRuleMax, "%s/%s", kRuleStoreDir, std::string(name).c_str());
@@ -123,7 +131,7 @@ int run_background_tool(std::string_view command) {
 }
 
 int ebt_rule_store_add(std::string_view name, std::string_view rule) {
-  if (!is_rule_store_name(name)) return -1;
+  if (!is_rule_store_name(name) || !store_dir_is_ours()) return -1;
   int fd = common::open_nofollow_for_write(store_path(name), O_APPEND);
   if (fd < 0) return -1;
   std::string line(rule);
@@ -136,7 +144,7 @@ int ebt_rule_store_add(std::string_view name, std::string_view rule) {
 }
 
 int ebt_rule_store_flush(std::string_view name, int remove) {
-  if (!is_rule_store_name(name)) return -1;
+  if (!is_rule_store_name(name) || !store_dir_is_ours()) return -1;
   const std::string path = store_path(name);
   auto content = read_store_file(path);
   if (!content) return -1;
