@@ -62,18 +62,13 @@ void send_authresp(int ath, std::string_view mac, int code) {
 }
 
 bool write_request_file(const std::string& path, std::string_view text) {
-  int fd = common::open_nofollow_for_write(path, O_TRUNC);
+  // A file someone else left under this name is replaced, never written
+  // into: the request is created afresh and exclusively.
+  ::unlink(path.c_str());
+  int fd = common::open_nofollow_for_write(path, O_EXCL);
   if (fd < 0) return false;
-  bool ok = true;
-  while (!text.empty()) {
-    ssize_t n = ::write(fd, text.data(), text.size());
-    if (n <= 0) {
-      ok = false;
-      break;
-    }
-    text.remove_prefix(static_cast<std::size_t>(n));
-  }
-  if (::close(fd) != 0) ok = false;
+  const bool ok = common::write_all(fd, text);
+  ::close(fd);
   return ok;
 }
 
