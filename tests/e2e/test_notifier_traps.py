@@ -1,16 +1,26 @@
-"""Notifier timing, client limits and hostile SSIDs, and every trap that the
-daemon raises here received by a real snmptrapd."""
+"""Notifier reports (hold-off, roaming, client limits with hostile SSIDs) and
+SNMP traps: the receiver from the configuration, and every trap that the
+daemon raises received by a real snmptrapd."""
+import os
 import shutil
 import time
 
 import pytest
 
-from helpers_clients import BSSID0, BSSID1, STATION, hexed, iwevent, send, two_vaps
+from helpers_clients import BSSID0, BSSID1, STATION, driver, iwevent, lines_of, two_vaps
 
 OTHER = "00:11:22:33:44:66"
+B0, B1 = BSSID0.replace(":", ""), BSSID1.replace(":", "")
 # SSIDs as other programs may configure them, or neighbours broadcast them.
 SPACED = "Cafe Bar"
-HOSTILE = "$(touch /tmp/pwned) `id` 'q\" \\"
+HOSTILE = "$(touch /tmp/pwned) `id` 'q\" \\ and a tail beyond 33 characters"
+AIR_SSID = "$(touch${IFS}/tmp/pwned)`id`'q\"z"      # no blanks: an event field is one word
+PREFIX = ".1.3.6.1.4.1.9991.100.7.14.17"
+PREFIX_QX417 = ".1.3.6.1.4.1.9991.100.7.16.17"
+
+
+def hexed(text):
+    return "".join(f"{ord(c):02X}" for c in text)
 
 
 def reports(sandbox):
@@ -19,21 +29,21 @@ def reports(sandbox):
 
 
 def go_to(sandbox, wall):
-    """Moves the daemon's clock to about wall (it may see a second more) and
-    lets it run its timed work."""
+    """Moves the daemon's clock to about wall (maybe a second more); its timed work runs."""
     sandbox.advance_time(wall - sandbox.now())
     sandbox.poke()
 
 
-def test_held_reports_wait_for_min_age_and_holdoff(sandbox):
+def test_held_reports_wait_for_min_age_and_holdoff_roaming_sends_them_first(sandbox):
     two_vaps(sandbox)
     sandbox.start()
-    assoc = ("21", f"001122334455 {BSSID0.replace(':', '')} [{hexed('Office')}]")
-    leave = ("22", assoc[1])
+    message = f"001122334455 {B0} [{hexed('Office')}]"
+    assoc, leave = ("21", message), ("22", message)
 
+    now = sandbox.now()
     iwevent(sandbox, "ath0", "Registered")
     [(*first, t0)] = reports(sandbox)
-    assert tuple(first) == assoc
+    assert tuple(first) == assoc and now <= t0 <= sandbox.now()
     # It leaves and comes back 30 s after that report: held, the newest code
     # waits (the leave is never reported).
     sandbox.advance_time(10)
@@ -66,83 +76,93 @@ def test_held_reports_wait_for_min_age_and_holdoff(sandbox):
     go_to(sandbox, delivered[1] + 600)
     assert len(reports(sandbox)) == 3
 
+    # Back, gone again at once (held), then roaming to ath1: the held leave
+    # from the old VAP goes first, in the same command as the new association.
+    iwevent(sandbox, "ath0", "Registered")
+    iwevent(sandbox, "ath0", "Expired")
+    iwevent(sandbox, "ath1", "Registered")
+    both = lines_of(sandbox, "cmd: ")[-1]
+    assert both.startswith(f'cmd: tavo_client  -E 22 "001122334455 {B0} [{hexed("Office")}]" ')
+    assert f'  &tavo_client  -E 21 "001122334455 {B1} [{hexed("Guest")}]" ' in both
+    assert sorted(r[0] for r in reports(sandbox)[4:]) == ["21", "22"]
+
 
 def test_client_limits_with_hostile_ssids(sandbox):
-    two_vaps(sandbox, config={"WLAN1_SSID": SPACED, "WLAN2_SSID": HOSTILE, "WLAN1_CLIENT_LIMIT": "3"})
-    sandbox.write("/etc/ath1_client_limit", "-1\n")
+    two_vaps(sandbox, config={"WLAN1_SSID": SPACED, "WLAN2_SSID": HOSTILE, "WLAN1_CLIENT_LIMIT": "3",
+                              "WLAN2_CLIENT_LIMIT": "5"})
+    sandbox.write("/etc/ath1_client_limit", "-1\n")  # the file wins over the configuration
     sandbox.set_stations("ath0", 2)
     sandbox.start()
-    bssid0, bssid1 = BSSID0.replace(":", ""), BSSID1.replace(":", "")
 
     # The configured limit of ath0 (3) is not reached with two stations.
     iwevent(sandbox, "ath0", "Registered", OTHER)
     assert sandbox.commands("logger") == []
-    assert [r[:2] for r in reports(sandbox)] == [("21", f"001122334466 {bssid0} [{hexed(SPACED)}]")]
+    assert [r[:2] for r in reports(sandbox)] == [("21", f"001122334466 {B0} [{hexed(SPACED)}]")]
 
     # At the limit: the alert, and event 23 ahead of the association.
     sandbox.set_stations("ath0", 3)
     iwevent(sandbox, "ath0", "Registered")
     assert [c.argv for c in sandbox.calls("logger")] == [
         ["logger", "-t", "ALERT", f"[{SPACED}] reached maximum (3) no. of associated clients"]]
-    cmd = [l for l in sandbox.stdout().splitlines() if l.startswith("cmd: ")][-1]
+    cmd = lines_of(sandbox, "cmd: ")[-1]
     assert cmd.startswith("cmd: tavo_client  -E 23 ") and "&tavo_client  -E 21 " in cmd
     assert sorted(r[:2] for r in reports(sandbox)[1:]) == [
-        ("21", f"001122334455 {bssid0} [{hexed(SPACED)}]"), ("23", f"3 {bssid0} [{hexed(SPACED)}]")]
+        ("21", f"001122334455 {B0} [{hexed(SPACED)}]"), ("23", f"3 {B0} [{hexed(SPACED)}]")]
 
-    # A limit of -1 in the file is always reached, even on a VAP the driver
-    # reports empty; the 8-bit flag reads 255. The SSID reaches logger,
-    # tavo_client and the system log as plain data.
+    # A limit of -1 is always reached, even on a VAP the driver reports
+    # empty; the 8-bit flag reads 255. The SSID reaches logger, tavo_client
+    # and the system log as plain data.
     iwevent(sandbox, "ath1", "Registered")
     assert sandbox.calls("logger")[-1].argv == [
         "logger", "-t", "ALERT", f"[{HOSTILE}] reached maximum (-1) no. of associated clients"]
     assert sorted(r[:2] for r in reports(sandbox)[3:]) == [
-        ("21", f"001122334455 {bssid1} [{hexed(HOSTILE)}]"), ("23", f"255 {bssid1} [{hexed(HOSTILE)}]")]
+        ("21", f"001122334455 {B1} [{hexed(HOSTILE)}]"), ("23", f"255 {B1} [{hexed(HOSTILE)}]")]
     assert sandbox.syslog()[-1].message == f"__TOVELLOG__Client {STATION} associated to SSID {HOSTILE}"
     assert not sandbox.exists("/tmp/pwned")
 
 
-PREFIX = ".1.3.6.1.4.1.9991.100.7.14.17"
-ROGUE1 = "02:AA:BB:CC:DD:01"
-ROGUE2 = "02:AA:BB:CC:DD:02"
-AIR_SSID = "$(touch${IFS}/tmp/pwned)`id`'q\"z"      # no blanks: an event field is one word
-TRAP_OID = ".1.3.6.1.6.3.1.1.4.1.0"
+def test_trap_receiver_and_prefix_follow_the_configuration(sandbox):
+    sandbox.write("/etc/hardware_qx417", "")
+    sandbox.write("/proc/wifi0/neighbor_ap", "02:aa:bb:cc:dd:ee 1 2 3 4 5 6 7 8 9 10 [x]\n")
+    sandbox.start()
+    rogue = lambda: driver(sandbox, "wifi0    New Access Point/Cell address:02:AA:BB:CC:DD:EE")
+    rogue()
+    assert sandbox.calls("snmptrap") == []
+
+    # A receiver appears: the changed file is read at the next event.
+    sandbox.write_config("/etc/masterconfig.apply", {"SNMP_TRAP1_IPADDR": "127.0.0.2"})
+    rogue()
+    assert [c.argv[:10] for c in sandbox.calls("snmptrap")] == [[
+        "/usr/sbin/snmptrap", "-v", "2c", "-c", "defcom", "127.0.0.2", "", PREFIX_QX417 + ".1.1",
+        PREFIX_QX417 + ".1.2.1", "s"]]
+
+    # It goes with the file: no more traps.
+    os.unlink(sandbox.host_path("/etc/masterconfig.apply"))
+    rogue()
+    assert len(sandbox.calls("snmptrap")) == 1
 
 
-def start_snmptrapd(sandbox):
-    """snmptrapd on 127.0.0.1:162 in the daemon's namespace, logging every
-    trap as one line with numeric OIDs; net-snmp keeps its state in the
-    sandbox."""
-    sandbox.write("/tmp/snmptrapd.conf", "disableAuthorization yes\n")
-    sandbox.write("/etc/snmp/snmp.conf", "mibs :\npersistentDir /tmp/snmp\nnoPersistentSave yes\n")
-    sandbox.spawn_in_ns(["env", "SNMP_PERSISTENT_DIR=/tmp/snmp", "snmptrapd", "-f", "-C", "-c",
-                         "/tmp/snmptrapd.conf", "-On", "-Lf", "/tmp/traps.log", "-F", "TRAP %v\n",
-                         "udp:127.0.0.1:162"])
-    log = sandbox.host_path("/tmp/traps.log")
+def wait_for(what, check):
     deadline = time.monotonic() + 5
-    while not (log.exists() and "NET-SNMP" in log.read_text()):
-        assert time.monotonic() < deadline, "snmptrapd did not start"
+    while not check():
+        assert time.monotonic() < deadline, what
         time.sleep(0.02)
-    return log
 
 
 def received(log, count):
-    """The first count traps as (trap OID, [(oid, type, value)...]) without
-    sysUpTime; string values unquoted."""
-    deadline = time.monotonic() + 5
-    while len(lines := [l for l in log.read_text().splitlines() if l.startswith("TRAP ")]) < count:
-        assert time.monotonic() < deadline, log.read_text()
-        time.sleep(0.02)
+    """The first count traps as (security info, trap OID, [(oid, type, value), ...]), strings unquoted."""
+    wait_for(log.read_text(), lambda: log.read_text().count("TRAP ") >= count)
     traps = []
-    for line in lines:
+    for line in [l for l in log.read_text().splitlines() if l.startswith("TRAP ")]:
+        security, *items = line[len("TRAP "):].split("\t")
         binds = []
-        for item in line[len("TRAP "):].split("\t"):
-            oid, _, typed = item.partition(" = ")
+        for oid, _, typed in (item.partition(" = ") for item in items):
             kind, _, value = typed.partition(": ")
             if kind == "STRING":
                 value = value[1:-1].replace('\\"', '"').replace("\\\\", "\\")
             binds.append((oid, kind, value))
-        assert binds[1][:2] == (TRAP_OID, "OID")
-        traps.append((binds[1][2], binds[2:]))
+        assert binds[1][:2] == (".1.3.6.1.6.3.1.1.4.1.0", "OID")
+        traps.append((security, binds[1][2], binds[2:]))
     return traps
 
 
@@ -153,33 +173,41 @@ def seen_at(now, seconds_ago):
 @pytest.mark.skipif(not shutil.which("snmptrapd") or not shutil.which("snmptrap"),
                     reason="net-snmp's snmptrap and snmptrapd are needed")
 def test_every_trap_reaches_a_real_snmptrapd(sandbox):
-    two_vaps(sandbox, config={"SNMP_TRAP1_IPADDR": "127.0.0.1", "R0_AP_CLIENT_LIMIT": "2"},
+    two_vaps(sandbox, config={"SNMP_TRAP1_IPADDR": "127.0.0.1", "SNMP_COMM1_NAME": "e2e", "R0_AP_CLIENT_LIMIT": "2"},
              status={"WIFI0_RADIO_CONF_PREFIX": "R0_", "WIFI0_ATH_LIST": "0 1", "WIFI0_RADIO_POLICY": "na"})
+    rogue1, rogue2 = "02:AA:BB:CC:DD:01", "02:AA:BB:CC:DD:02"
     sandbox.write("/proc/wifi0/neighbor_ap", f"02:AA:BB:CC:DD:00 1 2 3 4 5 6 7 8 9 10 [Other]\n"
-                  f"{ROGUE1.lower()} 11 12 13 14 15 6000 17 18 19 20 [{SPACED}]\n"
-                  f"{ROGUE2} 21 22 23 24 25 100 27 28 29 30 [{HOSTILE}]\n")
+                  f"{rogue1.lower()} 11 12 13 14 15 6000 17 18 19 20 [{SPACED}]\n"
+                  f"{rogue2} 21 22 23 24 25 100 27 28 29 30 [{HOSTILE}]\n")
     sandbox.use_real("/usr/sbin/snmptrap")
-    log = start_snmptrapd(sandbox)
+    # snmptrapd logs every trap as one line with numeric OIDs; net-snmp keeps
+    # its state in the sandbox.
+    sandbox.write("/tmp/snmptrapd.conf", "disableAuthorization yes\n")
+    sandbox.write("/etc/snmp/snmp.conf", "mibs :\npersistentDir /tmp/snmp\nnoPersistentSave yes\n")
+    sandbox.spawn_in_ns(["env", "SNMP_PERSISTENT_DIR=/tmp/snmp", "snmptrapd", "-f", "-C", "-c", "/tmp/snmptrapd.conf",
+                         "-On", "-Lf", "/tmp/traps.log", "-F", "TRAP %P\t%v\n", "udp:127.0.0.1:162"])
+    log = sandbox.host_path("/tmp/traps.log")
+    wait_for("snmptrapd did not start", lambda: log.exists() and "NET-SNMP" in log.read_text())
     sandbox.set_stations("ath0", 1)
     sandbox.set_stations("ath1", 1)
     sandbox.start()
 
     now = sandbox.now()
-    send(sandbox, f"12:00:00.000000   wifi0    New Access Point/Cell address:{ROGUE1}",
-         f"12:00:00.000000   wifi0    New Access Point/Cell address:{ROGUE2}", pipe="/etc/iwevent_pipe")
+    driver(sandbox, *(f"wifi0    New Access Point/Cell address:{r}" for r in (rogue1, rogue2)))
     iwevent(sandbox, "ath0", "Registered")  # two stations on the radio: its limit
-    send(sandbox, f"12:00:01.000000   ath0     Custom: ACL-EVENT.discard sta={OTHER} bssid={BSSID0} ssid={AIR_SSID}",
-         f"12:00:02.000000   ath0     Custom driver event:BEACON-EVENT.stuck addr={BSSID1}", pipe="/etc/iwevent_pipe")
+    driver(sandbox, f"ath0     Custom: ACL-EVENT.discard sta={OTHER} bssid={BSSID0} ssid={AIR_SSID}",
+           f"ath0     Custom driver event:BEACON-EVENT.stuck addr={BSSID1}")
 
     p = PREFIX
-    (rogue1, r1), (rogue2, r2), (maxsta, m), (acl, a), (beacon, b) = received(log, 5)
-    assert (rogue1, rogue2, maxsta, acl, beacon) == (p + ".1.1", p + ".1.1", p + ".2.1", p + ".3.1", p + ".4.1")
-    assert r1[:8] == [(p + ".1.2.1", "STRING", ROGUE1), (p + ".1.2.2", "STRING", SPACED),
-                      (p + ".1.2.3", "INTEGER", "18"), (p + ".1.2.4", "INTEGER", "1"),
-                      (p + ".1.2.5", "INTEGER", "11"), (p + ".1.2.6", "INTEGER", "12"),
-                      (p + ".1.2.7", "INTEGER", "14"), (p + ".1.2.8", "INTEGER", "20")]
+    traps = received(log, 5)
+    assert [(t[0].split(", ")[1:], t[1]) for t in traps] == [
+        (["SNMP v2c", "community e2e"], p + oid) for oid in (".1.1", ".1.1", ".2.1", ".3.1", ".4.1")]
+    [r1, r2, m, a, b] = [t[2] for t in traps]
+    assert r1[:8] == [(p + ".1.2.1", "STRING", rogue1), (p + ".1.2.2", "STRING", SPACED)] + [
+        (p + f".1.2.{n}", "INTEGER", v) for n, v in zip(range(3, 9), ("18", "1", "11", "12", "14", "20"))]
     assert r1[8][:2] == (p + ".1.2.9", "STRING") and r1[8][2] in seen_at(now, 60) and len(r1) == 9
-    assert r2[1] == (p + ".1.2.2", "STRING", HOSTILE) and r2[2] == (p + ".1.2.3", "INTEGER", "28")
+    # A neighbour's SSID goes out as its first 33 characters.
+    assert r2[1] == (p + ".1.2.2", "STRING", HOSTILE[:33]) and r2[2] == (p + ".1.2.3", "INTEGER", "28")
     assert r2[8][2] in seen_at(now, 1)
     assert m == [(p + ".2.2.1", "STRING", STATION), (p + ".2.2.2", "INTEGER", "1")]
     # The SSID arrives under .3.2.2 like the BSSID.
