@@ -4,11 +4,11 @@ the answer goes back through iwpriv (a recorder)."""
 import pytest
 
 import radius_server
+from helpers_clients import STATION, two_vaps
 from radius_server import REJECT_OTHERS, RadiusServer, user_entry
 
-ACCEPTED = "00:11:22:33:44:55"
+ACCEPTED = STATION
 REJECTED = "00:aa:bb:cc:dd:ee"
-BSSID = "02:00:00:00:00:01"
 
 USERS = user_entry("001122334455", "001122334455",
                    ["Tunnel-Type = VLAN", "Tunnel-Medium-Type = IEEE-802",
@@ -27,36 +27,28 @@ def radius(sandbox):
 
 
 LOCAL = ("127.0.0.1", radius_server.AUTH_PORT)
-SILENT = ("127.0.0.1", 1999)       # nothing listens: radclient waits for its time-out
-UNREACHABLE = ("192.0.2.1", 1812)  # no route in the namespace: radclient fails at once
+SILENT = ("127.0.0.1", 1999)  # nothing listens: radclient waits for its time-out
 
 
 def configure(sandbox, servers):
     """WLAN 1 on ath0 with external MAC authentication and the given
     per-WLAN servers (host, port); bridge mode with optional dynamic VLANs."""
-    config = {
-        "AP_NAME": "ap-e2e", "AP_MODE": "bridge",
-        "WLAN1_ACL_MODE": "3", "WLAN1_SSID": "guest", "WLAN1_DYNAMIC_VLAN": "optional",
-        "WLAN1_RADIUS": "enable",
-    }
+    config = {"AP_MODE": "bridge", "WLAN1_ACL_MODE": "3", "WLAN1_DYNAMIC_VLAN": "optional", "WLAN1_RADIUS": "enable"}
     for n, (host, port) in enumerate(servers, 1):
         config.update({f"WLAN1_RADIUS{n}_HOST": host, f"WLAN1_RADIUS{n}_SECRET": radius_server.SECRET,
                        f"WLAN1_RADIUS{n}_AUTHPORT": str(port)})
-    sandbox.write_config("/etc/masterconfig.apply", config)
+    two_vaps(sandbox, config)
     # The applied marker makes start-up apply the VLAN and MAC-auth settings.
     sandbox.write("/etc/masterconfig.applied", "")
-    sandbox.write_config("/var/run/wireless.status", {"WIFI_COUNT": "1", "WLAN1_ATH_LIST": "0"})
     # radclient refuses a request whose NAS-IP-Address is not an address.
     sandbox.write_config("/etc/net/wan.status", {"ipaddr": "192.168.1.2"})
-    sandbox.add_interface("ath0", BSSID)
     sandbox.use_real("radclient")
 
 
-def ask(sandbox, mac, timeout=20):
-    """Sends the driver's request line, waits until the daemon is idle again
-    (the worker thread has ended) and returns every iwpriv call so far."""
+def ask(sandbox, mac):
+    """The driver's request; once the worker has ended, every iwpriv call so far."""
     sandbox.write_fifo("/etc/event_pipe", f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {mac}\n")
-    sandbox.wait_idle(timeout=timeout)
+    sandbox.wait_idle(timeout=20)
     return sandbox.commands("iwpriv")
 
 
@@ -64,15 +56,12 @@ def test_accept_with_vlan_and_reject(sandbox, radius):
     configure(sandbox, [LOCAL])
     sandbox.start()
 
-    assert ask(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
-    assert len(radius.logins()) == 1
+    assert ask(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"] and len(radius.logins()) == 1
     # The VLAN of the tunnel attributes reached the station's rules.
-    rules = [c for c in sandbox.commands("ebtables") if "BROUTING" in c]
-    assert any(f"-i ath0 -s {ACCEPTED} -j svlan --setvlan 12 " in c for c in rules), rules
-    assert sandbox.read(f"/tmp/ebt_ctm/{ACCEPTED}").count("\n") == 2
+    assert f"-i ath0 -s {ACCEPTED} -j svlan --setvlan 12 " in sandbox.read(f"/tmp/ebt_ctm/{ACCEPTED}")
 
     assert ask(sandbox, REJECTED)[1:] == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"]
-    assert not [p for p in sandbox.host_path("/tmp").iterdir() if p.name.startswith("radc-")]
+    assert not [p for p in sandbox.host_path("/tmp").iterdir() if p.name.startswith("radc-")]  # request files
 
     # A second request within the cache period is answered without the server.
     assert ask(sandbox, ACCEPTED)[2:] == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
@@ -82,12 +71,4 @@ def test_accept_with_vlan_and_reject(sandbox, radius):
 def test_dead_primary_falls_through_to_secondary(sandbox, radius):
     configure(sandbox, [SILENT, LOCAL])
     sandbox.start()
-    assert ask(sandbox, REJECTED) == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"]
-    assert len(radius.logins()) == 1
-
-
-def test_no_server_answers_gives_no_answer(sandbox, radius):
-    configure(sandbox, [UNREACHABLE, ("192.0.2.2", 1812)])
-    sandbox.start()
-    assert ask(sandbox, ACCEPTED) == []
-    assert not [p for p in sandbox.host_path("/tmp").iterdir() if p.name.startswith("radc-")]
+    assert ask(sandbox, REJECTED) == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"] and len(radius.logins()) == 1
