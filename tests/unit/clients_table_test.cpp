@@ -9,17 +9,14 @@
 #include "clients/table.h"
 #include "common/clock.h"
 #include "common/runner.h"
+#include "common/text.h"
 #include "daemon/context.h"
 
 namespace {
 
 constexpr const char* kStation = "00:11:22:33:44:55";
 
-std::string station(int n) {
-  char text[18];
-  std::snprintf(text, sizeof text, "02:00:00:00:%02x:%02x", (n >> 8) & 0xff, n & 0xff);
-  return text;
-}
+std::string station(int n) { return common::format("02:00:00:00:%02x:%02x", n >> 8, n & 0xff); }
 
 // A context whose records point back to it; commands are recorded, never run.
 class ClientTableTest : public ::testing::Test {

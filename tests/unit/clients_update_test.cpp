@@ -23,7 +23,6 @@ class UpdateHandler : public ::testing::Test {
  protected:
   void SetUp() override {
     clients::init_records(*ctx_);
-    for (auto& rec : ctx_->records) clients::clear_record(rec);
     common::set_command_recorder(&recorder_);
   }
   void TearDown() override { common::set_command_recorder(nullptr); }
@@ -47,21 +46,15 @@ TEST_F(UpdateHandler, RefusalsAndCodesThatTakeNoSlot) {
   EXPECT_EQ(rec(0).in_use, 0);
 }
 
-TEST_F(UpdateHandler, RepeatedAssociationKeepsTheSlotAndFirstUptime) {
+TEST_F(UpdateHandler, KnownStationsKeepTheirSlotAndMacAuthCreates) {
   EXPECT_EQ(update(11, 1, kStation), kUpdateCreated);
   const auto first = rec(0).first_assoc_uptime;
-  EXPECT_EQ(update(11, 1, kStation), kUpdateExisting);
-  EXPECT_EQ(rec(0).assoc_count, 2u);
+  EXPECT_EQ(update(11, 1, kStation), kUpdateExisting);  // repeated association
   EXPECT_EQ(rec(0).first_assoc_uptime, first);
-  EXPECT_EQ(ctx_->client_count, 1u);
-}
-
-TEST_F(UpdateHandler, OtherCodesStampKnownStationsAndMacAuthCreates) {
-  update(11, 0, kStation);
   rec(0).last_update = 0;
-  EXPECT_EQ(update(9, 0, kStation), kUpdateExisting);
+  EXPECT_EQ(update(9, 1, kStation), kUpdateExisting);  // other codes only stamp
   EXPECT_GT(rec(0).last_update, 0);
-  EXPECT_EQ(rec(0).assoc_count, 1u);
+  EXPECT_EQ(rec(0).assoc_count, 2u);
   EXPECT_EQ(update(23, 0, kOther), kUpdateCreated);
   EXPECT_EQ(rec(1).mac, kOther);
 }
