@@ -46,7 +46,7 @@ TEST_F(UpdateHandler, RefusalsAndCodesThatTakeNoSlot) {
   EXPECT_EQ(rec(0).in_use, 0);
 }
 
-TEST_F(UpdateHandler, KnownStationsKeepTheirSlotAndMacAuthCreates) {
+TEST_F(UpdateHandler, KnownStationsKeepTheirSlotAndCode23Creates) {
   EXPECT_EQ(update(11, 1, kStation), kUpdateCreated);
   const auto first = rec(0).first_assoc_uptime;
   EXPECT_EQ(update(11, 1, kStation), kUpdateExisting);  // repeated association

@@ -78,7 +78,7 @@ TEST(SpineKnownAp, KeepsTheFirst256AndCutsTokensTo17) {
 
 using Bytes = std::vector<std::uint8_t>;
 void put(Bytes& b, std::uint64_t v, int n) {
-  for (int i = 0; i < n; ++i) b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+  for (int i = 0; i < n; ++i, v >>= 8) b.push_back(static_cast<std::uint8_t>(v));
 }
 // A link message of the type for the interface, optionally with a wireless
 // attribute holding the given events.
