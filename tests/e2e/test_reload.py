@@ -135,3 +135,15 @@ def test_applied_marker_reinitialises_vlan_pool_and_mac_auth_fast_poll_slow(sand
     assert wakeups(sandbox) == before and len(forward_rules(sandbox)) == 4
     sandbox.poke()
     assert len(forward_rules(sandbox)) == 6
+
+    # The radio's own ACL mode overrides the WLAN's; the radio's key prefix
+    # is the first 7 characters of its status value ("RADIO0_" of "RADIO0_CONF").
+    sandbox.write_config("/var/run/wireless.status", {"WIFI_COUNT": "1", "WLAN1_ATH_LIST": "0",
+                                                      "WIFI0_RADIO_CONF_PREFIX": "RADIO0_CONF"})
+    settings.update({"RADIO0_AP_ACL_MODE": "1", "RADIO0_CONFAP_ACL_MODE": "3"})
+    sandbox.write_config("/etc/masterconfig.apply", settings)
+    sandbox.write(UPTIME_FILE, "400\n")
+    applied_at(sandbox, T0 + 300)
+    sandbox.poke()
+    ask()
+    assert len(sandbox.commands("radclient")) == 1 and len(sandbox.commands("iwpriv")) == 1
