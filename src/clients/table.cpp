@@ -113,7 +113,7 @@ int check_expired(daemon_core::DaemonContext& ctx) {
   return 0;
 }
 
-Lookup lookup_record(daemon_core::DaemonContext& ctx, std::string_view mac, int ifindex) {
+Lookup lookup_record(const daemon_core::DaemonContext& ctx, std::string_view mac, int ifindex) {
   auto& records = ctx.records;
   Lookup result;
   result.walk_end = ctx.client_count;
@@ -141,18 +141,18 @@ Lookup lookup_record(daemon_core::DaemonContext& ctx, std::string_view mac, int 
     }
   }
 
-  if (ctx.client_count == 0) {
-    result.slot = 0;
-    ctx.client_count = 1;
-  } else if (records[c].in_use == 1 && ctx.client_count < kClientSlots) {
-    result.slot = static_cast<int>(ctx.client_count);
-    ctx.client_count += 1;
-  } else {
-    // A free slot inside the used range, or the oldest record, evicted
-    // without telling anybody.
-    result.slot = static_cast<int>(c);
-  }
+  result.slot = static_cast<int>(c);
   return result;
+}
+
+int take_slot(daemon_core::DaemonContext& ctx, const Lookup& lookup) {
+  if (ctx.client_count == 0) {
+    ctx.client_count = 1;
+    return 0;
+  }
+  if (ctx.records[lookup.slot].in_use == 1 && ctx.client_count < kClientSlots)
+    return static_cast<int>(ctx.client_count++);
+  return lookup.slot;
 }
 
 int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view mac) {

@@ -27,16 +27,22 @@ void clear_record(ClientRecord& record);
 // Always 0.
 int check_expired(daemon_core::DaemonContext& ctx);
 
-// The station's record for (mac, ifindex), or the slot to use for it. When
-// no record matches, slot is a fresh slot (client_count grows), a free slot
-// inside the used range, or the oldest record when all 256 are in use.
-// walk_end is client_count as it was before the call.
+// The station's record for (mac, ifindex): when found, slot is the record;
+// otherwise slot is the candidate for a new one: a free slot inside the used
+// range, else the record with the oldest last_update. walk_end is the
+// client_count the walk ran to.
 struct Lookup {
   bool found = false;
   int slot = 0;
   std::uint32_t walk_end = 0;
 };
-Lookup lookup_record(daemon_core::DaemonContext& ctx, std::string_view mac, int ifindex);
+Lookup lookup_record(const daemon_core::DaemonContext& ctx, std::string_view mac, int ifindex);
+
+// The slot for a station that has no record: a fresh slot past the used
+// range while there is room (client_count grows), else the lookup's
+// candidate (a free slot, or the oldest record, evicted without telling
+// anybody).
+int take_slot(daemon_core::DaemonContext& ctx, const Lookup& lookup);
 
 // The interface of a station whose interface is not given: the associated
 // record with the latest association, else the "create_client_table" query;

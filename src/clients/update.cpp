@@ -139,16 +139,15 @@ void update_existing(daemon_core::DaemonContext& ctx, int slot, int code, int at
   rec.last_update = common::wall_now();
 }
 
-void create_record(daemon_core::DaemonContext& ctx, const Lookup& where, int code, int ath,
+void create_record(daemon_core::DaemonContext& ctx, int s, std::uint32_t walk_end, int code, int ath,
                    std::string_view mac, std::optional<std::string_view> ip,
                    std::optional<std::string_view> extra) {
   const config::taglist* conf = ctx.masterconf.get();
-  const int s = where.slot;
   // Some steps address the slot at the walk's end rather than the chosen
   // one; the two are the same whenever the table grew. When the full table
   // evicted a record the walk's end names no slot and those steps are
   // skipped.
-  const int p = static_cast<int>(where.walk_end);
+  const int p = static_cast<int>(walk_end);
   ClientRecord* at_p = p < kClientSlots ? &ctx.records[p] : nullptr;
 
   std::string mac_text(mac.substr(0, kMacLength));
@@ -223,18 +222,13 @@ int update_client_table(daemon_core::DaemonContext& ctx, int code, int ifindex,
   int ath = ifindex;
   if (ath < 0) ath = resolve_station_interface(ctx, mac);
 
-  const std::uint32_t count_before = ctx.client_count;
   const Lookup where = lookup_record(ctx, mac, ath);
   if (where.found) {
     update_existing(ctx, where.slot, code, ath, ip, extra);
     return kUpdateExisting;
   }
-  if (code == kEventBandwidth) {
-    // A rate change for an unknown station is dropped; it takes no slot.
-    ctx.client_count = count_before;
-    return kUpdateCreated;
-  }
-  create_record(ctx, where, code, ath, mac, ip, extra);
+  if (code == kEventBandwidth) return kUpdateCreated;  // a rate change for an unknown station is dropped
+  create_record(ctx, take_slot(ctx, where), where.walk_end, code, ath, mac, ip, extra);
   return kUpdateCreated;
 }
 

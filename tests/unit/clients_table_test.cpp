@@ -50,23 +50,25 @@ TEST_F(ClientTableTest, MatchNeedsTheInterfaceOrTheCurrentFlag) {
   for (const Case& c : {Case{2, true, 1}, Case{-1, true, 1}, Case{3, false, 2}}) {
     auto got = clients::lookup_record(*ctx, kStation, c.ifindex);
     EXPECT_EQ(got.found, c.found) << c.ifindex;
-    EXPECT_EQ(got.slot, c.slot) << c.ifindex;
+    EXPECT_EQ(got.found ? got.slot : clients::take_slot(*ctx, got), c.slot) << c.ifindex;
   }
 }
 
 TEST_F(ClientTableTest, FreeSlotFirstThenGrowthThenEviction) {
   for (int i = 0; i < 3; ++i) use(i, station(i), 1);
   ctx->records[1].in_use = 0;
-  EXPECT_EQ(clients::lookup_record(*ctx, kStation, 1).slot, 1);
+  auto slot_for = [&] { return clients::take_slot(*ctx, clients::lookup_record(*ctx, kStation, 1)); };
+  EXPECT_EQ(slot_for(), 1);
+  EXPECT_EQ(ctx->client_count, 3u);
   ctx->records[1].in_use = 1;
-  EXPECT_EQ(clients::lookup_record(*ctx, kStation, 1).slot, 3);
+  EXPECT_EQ(slot_for(), 3);
   EXPECT_EQ(ctx->client_count, 4u);
 
   for (int i = 0; i < clients::kClientSlots; ++i) use(i, station(i), 1, 5000 + i);
   ctx->records[100].last_update = 10;
   ctx->records[200].last_update = 20;
   auto got = clients::lookup_record(*ctx, kStation, 1);
-  EXPECT_EQ(got.slot, 100);
+  EXPECT_EQ(clients::take_slot(*ctx, got), 100);
   EXPECT_EQ(got.walk_end, 256u);
   EXPECT_EQ(ctx->client_count, 256u);
 }
