@@ -1,10 +1,8 @@
-"""Runs the real daemon inside private mount, network and pid namespaces.
-
-The daemon takes no options and uses fixed paths, so a Sandbox puts its own
-files at those paths (see nsinit.sh), replaces the external tools by
-recorders (stub.py) and preloads a shim (shim/shim.cpp) that moves the
-clocks and answers the driver's station request. See README.md.
-"""
+"""Runs the real daemon inside private mount, network and pid namespaces:
+its fixed paths hold the sandbox's files (nsinit.sh), the external tools are
+recorders (stub.py), and a preloaded shim (shim/shim.cpp) moves the clocks and
+answers the driver's station request. See README.md."""
+import contextlib
 import fcntl
 import json
 import math
@@ -13,7 +11,6 @@ import re
 import select
 import shlex
 import shutil
-import signal
 import socket
 import stat
 import struct
@@ -22,6 +19,7 @@ import tempfile
 import termios
 import threading
 import time
+from collections import namedtuple
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -43,13 +41,8 @@ class SandboxError(Exception):
     pass
 
 
-def build_dir():
-    return Path(os.environ.get("CLIENTMGR_BUILD", REPO / "build"))
-
-
 def needs_user_namespace():
-    """False as root; True when an unprivileged user namespace will do;
-    raises SandboxError when neither works."""
+    """False as root, True when an unprivileged user namespace will do; else raises."""
     if os.geteuid() == 0:
         return False
     probe = subprocess.run(["unshare", "--user", "--map-root-user", "--mount", "--net", "--pid",
@@ -76,21 +69,14 @@ class Call:
         return shlex.join(self.argv)
 
 
-@dataclass
-class SyslogRecord:
-    priority: int    # 0..7, e.g. 6 = LOG_INFO
-    facility: int    # LOG_USER = 1
-    tag: str         # ident, without "[pid]"
-    message: str
+# priority 0..7 (6 = LOG_INFO), tag without "[pid]"
+SyslogRecord = namedtuple("SyslogRecord", "priority tag message")
 
-    @classmethod
-    def parse(cls, data):
-        text = data.decode(errors="replace")
-        m = re.match(r"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^:\[]*)(?:\[\d+\])?: (.*)$", text, re.S)
-        if not m:
-            return cls(-1, -1, "", text)
-        pri = int(m.group(1))
-        return cls(pri & 7, pri >> 3, m.group(2), m.group(3))
+
+def _syslog_record(data):
+    text = data.decode(errors="replace")
+    m = re.match(r"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^:\[]*)(?:\[\d+\])?: (.*)$", text, re.S)
+    return SyslogRecord(int(m[1]) & 7, m[2], m[3]) if m else SyslogRecord(-1, "", text)
 
 
 class _SyslogCollector:
@@ -117,7 +103,7 @@ class _SyslogCollector:
         with self._lock:
             while True:
                 try:
-                    self._records.append(SyslogRecord.parse(self._sock.recv(65536)))
+                    self._records.append(_syslog_record(self._sock.recv(65536)))
                 except BlockingIOError:
                     return list(self._records)
 
@@ -128,32 +114,25 @@ class _SyslogCollector:
 
 
 class Sandbox:
-    """One private world for one daemon run. Created with everything stubbed,
-    no interfaces and an empty master configuration; configure, start(),
-    interact, observe; close() (the fixture does) removes every trace."""
+    """One private world for one daemon run, created with everything stubbed,
+    no interfaces and an empty master configuration; close() removes it."""
 
-    def __init__(self, build=None, userns=None):
-        self.build = Path(build or build_dir())
-        self.daemon_path = self.build / "clientmgr"
-        self.shim_path = self.build / "clientmgr_shim.so"
+    def __init__(self):
+        build = Path(os.environ.get("CLIENTMGR_BUILD", REPO / "build"))
+        self.daemon_path, self.shim_path = build / "clientmgr", build / "clientmgr_shim.so"
         for f in (self.daemon_path, self.shim_path):
             if not f.exists():
                 raise SandboxError(f"{f} missing: build the targets clientmgr and e2e_shim")
-        self.userns = needs_user_namespace() if userns is None else userns
+        self.userns = needs_user_namespace()
         base = os.environ.get("CLIENTMGR_E2E_TMPDIR", "/var/tmp")
         if re.match(r"/(tmp|run|var/run|etc|proc|dev)(/|$)", os.path.realpath(base)):
             raise SandboxError(f"{base} is hidden inside the sandbox; choose another CLIENTMGR_E2E_TMPDIR")
         self.root = Path(tempfile.mkdtemp(prefix="clientmgr-e2e-", dir=base))
         os.chmod(self.root, 0o755)  # tools that drop privileges reach /dev/log through it
-        self._proc = None          # nsenter running the daemon
-        self._pid = None           # the daemon's pid as seen from the host
-        self._time_offset = 0
-        self._uptime_offset = 0
+        self._proc = self.pid = None   # nsenter running the daemon; the daemon's pid on the host
+        self._time_offset = self._uptime_offset = self._ifaces = 0
         self._stations = {}
-        self._ifaces = 0
-        self._syslog = None
-        self._init = None          # unshare, parent of the sandbox's pid 1
-        self._init_pid = None
+        self._syslog = self._init = self._init_pid = None  # _init: unshare, parent of the sandbox's pid 1
         self._peers = []           # processes of spawn_in_ns
         try:
             self._prepare()
@@ -205,10 +184,8 @@ class Sandbox:
             self._nsenter[1:1] = ["-U", "--preserve-credentials"]
 
     def close(self):
-        """Kills the daemon and every process of the sandbox, then removes
-        its directory (kept when CLIENTMGR_E2E_KEEP is set)."""
-        if self._proc is not None:
-            self.stop()
+        """Kills every process of the sandbox, then removes its directory
+        (kept when CLIENTMGR_E2E_KEEP is set)."""
         if self._init is not None:
             self._init.stdin.close()  # pid 1 exits, the kernel kills the rest
             try:
@@ -218,27 +195,20 @@ class Sandbox:
                 self._init.wait()
             self._init.stdout.close()
             self._init = None
-        for peer in self._peers:
-            peer.wait(5)
-        self._peers = []
+        for proc in filter(None, [*self._peers, self._proc]):
+            proc.wait(5)
+        self._peers, self._proc = [], None
         if self._syslog is not None:
             self._syslog.close()
             self._syslog = None
         if not os.environ.get("CLIENTMGR_E2E_KEEP") and self.root.exists():
             shutil.rmtree(self.root, onerror=_force_remove)
 
-    def daemon_env(self):
-        """The environment of the daemon and of everything it runs."""
-        return {"PATH": f"{self.root}/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-                "LD_PRELOAD": str(self.shim_path), "CLIENTMGR_SANDBOX": str(self.root),
-                "HOME": "/root", "LANG": "C"}
-
     # ----- files -----
 
     def host_path(self, path):
-        """Where a path of the sandbox can be reached from the host. /etc is
-        reached through the namespace (its overlay must not be written
-        under its feet); absolute symlinks there resolve on the host."""
+        """Where a path of the sandbox is reached from the host (/etc through
+        the namespace: its overlay must not change under its feet)."""
         path = str(path)
         for prefix, target in (("/tmp", "tmp"), ("/var/run", "run"), ("/run", "run"),
                                ("/proc", "shadow/proc")):
@@ -246,14 +216,10 @@ class Sandbox:
                 return self.root / target / path[len(prefix) + 1:]
         return Path(f"/proc/{self._init_pid}/root{path}")
 
-    def write(self, path, data, mode=None):
+    def write(self, path, data):
         p = self.host_path(path)
         p.parent.mkdir(parents=True, exist_ok=True)
-        if isinstance(data, str):
-            data = data.encode()
-        p.write_bytes(data)
-        if mode is not None:
-            os.chmod(p, mode)
+        p.write_bytes(data.encode() if isinstance(data, str) else data)
 
     def write_config(self, path, values):
         """Writes a KEY="value" file (the master configuration, status files)."""
@@ -277,23 +243,19 @@ class Sandbox:
         self.run_in_ns(["ip", "-batch", "-"], input=f"link add {name} address {mac} type veth peer name {peer}\n"
                                                    f"link set {peer} up\nlink set {name} up\n")
 
-    def run_in_ns(self, argv, check=True, input=None, timeout=10, daemon_env=False):
-        """Runs argv inside the sandbox's namespaces; with daemon_env, also
-        with the daemon's environment (stubs on PATH, the shim's clocks)."""
+    def run_in_ns(self, argv, check=True, input=None, timeout=10):
+        """Runs argv inside the sandbox's namespaces."""
         result = subprocess.run(self._nsenter + ["--", *argv], input=input, capture_output=True, text=True,
-                                timeout=timeout, env=self.daemon_env() if daemon_env else None)
+                                timeout=timeout)
         if check and result.returncode != 0:
             raise SandboxError(f"{argv} failed ({result.returncode}): {result.stderr}")
         return result
 
-    def spawn_in_ns(self, argv, daemon_env=False, **popen_args):
+    def spawn_in_ns(self, argv, **popen_args):
         """Starts a long-running peer (snmptrapd, freeradius) inside the
-        namespaces and returns its Popen; it dies with the sandbox at the
-        latest."""
-        proc = subprocess.Popen(self._nsenter + ["--", *argv], env=self.daemon_env() if daemon_env else None,
-                                **popen_args)
-        self._peers.append(proc)
-        return proc
+        namespaces; it dies with the sandbox at the latest."""
+        self._peers.append(subprocess.Popen(self._nsenter + ["--", *argv], **popen_args))
+        return self._peers[-1]
 
     # ----- tools -----
 
@@ -302,22 +264,15 @@ class Sandbox:
         (self.root / "stub-out" / os.path.basename(tool)).write_text(text)
 
     def use_real(self, tool):
-        """Lets the daemon run the real tool: a name of PATH_TOOLS or a path
-        of SBIN_TOOLS."""
+        """Lets the daemon run the installed tool: a name of PATH_TOOLS or a path of SBIN_TOOLS."""
         name = os.path.basename(tool)
+        if tool not in PATH_TOOLS + SBIN_TOOLS or not shutil.which(name):
+            raise SandboxError(f"{tool} is not installed or not a tool of the sandbox")
         if tool in PATH_TOOLS:
-            if not shutil.which(tool):
-                raise SandboxError(f"{tool} is not installed")
-            os.unlink(self.root / "bin" / tool)
-        elif tool in SBIN_TOOLS:
-            real = f"/usr/sbin/.host/{name}" if os.path.exists(f"/usr/sbin/{name}") else shutil.which(name)
-            if not real:
-                raise SandboxError(f"{tool} is not installed")
-            link = self.root / "shadow/usr-sbin" / name
-            os.unlink(link)
-            os.symlink(real, link)
-        else:
-            raise SandboxError(f"no real tool for {tool}")
+            return os.unlink(self.root / "bin" / tool)
+        link = self.root / "shadow/usr-sbin" / name
+        os.unlink(link)
+        os.symlink(f"/usr/sbin/.host/{name}" if os.path.exists(f"/usr/sbin/{name}") else shutil.which(name), link)
 
     def calls(self, tool=None):
         """Recorded runs of stubbed tools, in order; tool filters by name
@@ -339,12 +294,10 @@ class Sandbox:
         tmp.write_text("\n".join(lines) + "\n")
         os.replace(tmp, self.root / "shim.conf")
 
-    def advance_time(self, seconds, uptime=True):
-        """Moves the daemon's wall clock (and its uptime, unless told not
-        to) forward. The daemon notices at its next loop pass: poke() it."""
+    def advance_time(self, seconds):
+        """Moves the daemon's wall clock and uptime forward; it notices at its next loop pass: poke() it."""
         self._time_offset += int(seconds)
-        if uptime:
-            self._uptime_offset += int(seconds)
+        self._uptime_offset += int(seconds)
         self._write_shim_conf()
 
     def set_uptime(self, seconds):
@@ -366,49 +319,30 @@ class Sandbox:
 
     # ----- the daemon -----
 
-    @property
-    def pid(self):
-        return self._pid
-
-    @property
-    def returncode(self):
-        """None while running; the exit status, or -N when killed by signal N."""
-        return None if self._proc is None else self._proc.poll()
-
     def start(self, wait=True):
         """Starts the daemon (stdout and stderr files are started afresh);
         with wait, returns once it sits idle in its loop."""
         if self._proc is not None and self._proc.poll() is None:
             raise SandboxError("daemon already running")
+        env = {"PATH": f"{self.root}/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+               "LD_PRELOAD": str(self.shim_path), "CLIENTMGR_SANDBOX": str(self.root), "HOME": "/root", "LANG": "C"}
         with open(self.root / "stdout", "wb") as out, open(self.root / "stderr", "wb") as err:
             self._proc = subprocess.Popen(self._nsenter + ["--", "stdbuf", "-oL", str(self.daemon_path)],
-                                          stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                                          env=self.daemon_env(), umask=0o022)
-        self._pid = None
+                                          stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env, umask=0o022)
+        self.pid = None
         deadline = time.monotonic() + 5
         while self._proc.poll() is None and time.monotonic() < deadline:
             kids = _children(self._proc.pid)  # nsenter's child execs stdbuf, then the daemon
-            if kids and _comm(kids[0]) == self.daemon_path.name[:15]:
-                self._pid = kids[0]
+            if kids and _read(f"/proc/{kids[0]}/comm").strip() == self.daemon_path.name[:15]:
+                self.pid = kids[0]
                 break
             time.sleep(0.002)
         if wait:
             self.wait_idle()
 
     def wait_exit(self, timeout=5):
+        """The daemon's exit status, or -N when killed by signal N."""
         return self._proc.wait(timeout)
-
-    def stop(self):
-        """Ends the daemon (SIGTERM, then SIGKILL); returns its status."""
-        if self._proc.poll() is None and self._pid:
-            _kill(self._pid, signal.SIGTERM)
-            try:
-                self._proc.wait(2)
-            except subprocess.TimeoutExpired:
-                _kill(self._pid, signal.SIGKILL)
-        if self._proc.poll() is None:
-            self._proc.kill()
-        return self._proc.wait()
 
     def _check_running(self):
         if self._proc is None:
@@ -419,7 +353,7 @@ class Sandbox:
 
     def _busy(self):
         """Why the daemon is not idle, or None when it is."""
-        pid = self._pid
+        pid = self.pid
         try:
             if len(os.listdir(f"/proc/{pid}/task")) != 1:
                 return "worker threads running"
@@ -446,7 +380,7 @@ class Sandbox:
         calm = 0
         while True:
             self._check_running()
-            busy = "daemon pid not known" if self._pid is None else self._busy()
+            busy = "daemon pid not known" if self.pid is None else self._busy()
             calm = calm + 1 if busy is None else 0
             if calm == 2:
                 return
@@ -457,11 +391,9 @@ class Sandbox:
     def write_fifo(self, path, data):
         """Writes into one of the daemon's pipes ("/etc/event_pipe")."""
         self._check_running()
-        if isinstance(data, str):
-            data = data.encode()
-        fd = os.open(f"/proc/{self._pid}/root{path}", os.O_WRONLY | os.O_NONBLOCK)
+        fd = os.open(f"/proc/{self.pid}/root{path}", os.O_WRONLY | os.O_NONBLOCK)
         try:
-            view = memoryview(data)
+            view = memoryview(data.encode() if isinstance(data, str) else data)
             while view:
                 try:
                     view = view[os.write(fd, view):]
@@ -484,18 +416,6 @@ class Sandbox:
     def stderr(self):
         return (self.root / "stderr").read_text(errors="replace")
 
-    def wait_for_stdout(self, pattern, timeout=5, count=1):
-        """Waits until count lines of stdout match the regex; returns them."""
-        deadline = time.monotonic() + timeout
-        while True:
-            lines = [l for l in self.stdout().splitlines() if re.search(pattern, l)]
-            if len(lines) >= count:
-                return lines
-            if time.monotonic() > deadline or (self._proc is not None and self._proc.poll() is not None):
-                raise AssertionError(f"{count} x /{pattern}/ not on stdout (found {len(lines)}); "
-                                     f"status {self.returncode}; stdout tail:\n{self.stdout()[-2000:]}")
-            time.sleep(0.01)
-
     def syslog(self):
         """Every record sent to /dev/log so far."""
         return self._syslog.records()
@@ -505,42 +425,29 @@ class Sandbox:
         if not self.root.exists():
             return ""
         tail = lambda text: "\n".join(text.splitlines()[-40:])
-        return (f"--- daemon status {self.returncode}\n--- stdout\n{tail(self.stdout())}\n"
+        return (f"--- daemon status {self._proc and self._proc.poll()}\n--- stdout\n{tail(self.stdout())}\n"
                 f"--- stderr\n{tail(self.stderr())}\n--- commands\n{tail(chr(10).join(self.commands()))}\n"
                 f"--- syslog\n{tail(chr(10).join(map(str, self.syslog())))}")
 
 
 def _read(path):
-    with open(path) as f:
-        return f.read()
-
-
-def _comm(pid):
+    """The file's text; "" once it is gone (a process that ended)."""
     try:
-        return _read(f"/proc/{pid}/comm").strip()
+        with open(path) as f:
+            return f.read()
     except FileNotFoundError:
         return ""
 
 
 def _children(pid):
-    kids = []
-    for tid in os.listdir(f"/proc/{pid}/task"):
-        try:
-            kids += [int(k) for k in _read(f"/proc/{pid}/task/{tid}/children").split()]
-        except FileNotFoundError:
-            pass
-    return kids
+    return [int(kid) for tid in os.listdir(f"/proc/{pid}/task")
+            for kid in _read(f"/proc/{pid}/task/{tid}/children").split()]
 
 
 def _live_children(pid):
-    live = []
-    for kid in _children(pid):
-        try:
-            if _read(f"/proc/{kid}/stat").rsplit(")", 1)[1].split()[0] != "Z":
-                live.append(kid)
-        except FileNotFoundError:
-            pass
-    return live
+    # the state follows the command name in /proc/PID/stat
+    states = [_read(f"/proc/{kid}/stat").rpartition(")")[2].split()[:1] for kid in _children(pid)]
+    return [s for s in states if s and s != ["Z"]]
 
 
 def _fifo_pending(path):
@@ -557,31 +464,17 @@ def _fifo_pending(path):
 
 
 def _netlink_pending(pid):
-    inodes = set()
+    links = set()
     for fd in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            m = re.match(r"socket:\[(\d+)\]", os.readlink(f"/proc/{pid}/fd/{fd}"))
-        except FileNotFoundError:
-            continue
-        if m:
-            inodes.add(m.group(1))
-    for row in _read(f"/proc/{pid}/net/netlink").splitlines()[1:]:
-        cols = row.split()
-        if cols[-1] in inodes and int(cols[4]) > 0:
-            return True
-    return False
+        with contextlib.suppress(FileNotFoundError):
+            links.add(os.readlink(f"/proc/{pid}/fd/{fd}"))
+    rows = [row.split() for row in _read(f"/proc/{pid}/net/netlink").splitlines()[1:]]
+    return any(f"socket:[{cols[-1]}]" in links and int(cols[4]) > 0 for cols in rows)  # inode, receive queue
 
 
 def _real_uptime():
     # sysinfo() rounds the boot time up to whole seconds
     return math.ceil(float(_read("/proc/uptime").split()[0]))
-
-
-def _kill(pid, sig):
-    try:
-        os.kill(pid, sig)
-    except ProcessLookupError:
-        pass
 
 
 def _force_remove(func, path, _exc):

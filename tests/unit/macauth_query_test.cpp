@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -29,31 +30,25 @@ using Reply = std::function<std::optional<std::string>(const std::string&)>;
 
 constexpr int kAth = 3;
 constexpr const char* kStation = "02:5a:00:00:00:01";
-constexpr const char* kFr3Reject =
-    "Sent Access-Request Id 7 from 0.0.0.0:39780 to 10.0.0.2:1812 length 155\n"
-    "Received Access-Reject Id 7 from 10.0.0.2:1812 to 0.0.0.0:39780 length 20\n";
+constexpr const char* kAsk = "radclient -x -r 1 10.0.0.1:1812 auth s1 -f /tmp/radc-025a00000001-3";
 
-// Owns the context and the command recorder. While hold_ is set radclient
-// does not return, so that workers stay in flight.
+// Owns the context and the command recorder: radclient answers with reply_
+// (set before the first query), and not while hold_ is set, so that workers
+// stay in flight.
 class MacAuthWorker : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(w_ >= 0 && w_ < macauth::kWlanCount);
-    common::set_command_recorder(&recorder_);
-  }
+  void SetUp() override { common::set_command_recorder(&recorder_); }
   void TearDown() override {
     hold_ = false;
-    wait_idle();
+    wait_idle();  // detached workers: the context may go only when all have ended
     common::set_command_recorder(nullptr);
   }
 
-  macauth::WlanAclConfig& wlan() { return ctx_->macauth.wlan_acl[static_cast<std::size_t>(w_)]; }
-  void enable_with_servers(bool first, bool second, Reply reply = {}) {
+  macauth::WlanAclConfig& wlan() { return ctx_->macauth.wlan_acl.at(static_cast<std::size_t>(w_)); }
+  void enable(Reply reply, bool second_server = false) {
     wlan().enabled = 1;
     wlan().ssid = "guest";
-    wlan().servers[0] = {first ? 1u : 0u, "10.0.0.1", "s1", 1812, 1813};
-    wlan().servers[1] = {second ? 1u : 0u, "10.0.0.2", "s2", 1812, 1813};
-    std::lock_guard<std::mutex> lock(m_);
+    wlan().servers = {{{1, "10.0.0.1", "s1", 1812, 1813}, {second_server, "10.0.0.2", "s2", 1812, 1813}}};
     reply_ = std::move(reply);
   }
   int active_workers() {
@@ -64,15 +59,10 @@ class MacAuthWorker : public ::testing::Test {
     for (int i = 0; i < 1000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return done();
   }
-  // Detached workers: the context may go only when all have ended.
   void wait_idle() { ASSERT_TRUE(wait_until([this] { return active_workers() <= 0; })); }
-  // The commands run so far that contain part.
-  std::vector<std::string> commands(std::string_view part = "") {
+  std::vector<std::string> commands() {
     std::lock_guard<std::mutex> lock(m_);
-    std::vector<std::string> out;
-    for (const auto& c : commands_)
-      if (c.find(part) != std::string::npos) out.push_back(c);
-    return out;
+    return commands_;
   }
   int query(const std::string& mac) {
     return macauth::mac_auth_query_extern_acl(mac, static_cast<int>(mac.size()), kAth, *ctx_);
@@ -92,75 +82,53 @@ class MacAuthWorker : public ::testing::Test {
       },
       [this](const std::string& c) -> std::optional<std::string> {
         while (hold_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        std::lock_guard<std::mutex> lock(m_);
         return reply_ ? reply_(c) : std::nullopt;
       }};
 };
 
-TEST_F(MacAuthWorker, SilentFirstServerThenRejectGivesOneAnswer) {
-  enable_with_servers(true, true, [](const std::string& c) -> std::optional<std::string> {
+TEST_F(MacAuthWorker, SilentFirstServerThenAcceptIsCachedForThePeriodOnly) {
+  enable([](const std::string& c) -> std::optional<std::string> {
     if (c.find(" 10.0.0.1:") != std::string::npos) return std::nullopt;  // silent
-    return kFr3Reject;
-  });
+    return "Received response ID 36, code 2, length = 44\n\tTunnel-Type:0 = VLAN\n"
+           "\tTunnel-Medium-Type:0 = IEEE-802\n\tTunnel-Private-Group-Id:0 = \"12\"\n";
+  }, true);
+  ctx_->macauth.acl_cache_period = 30;
   EXPECT_EQ(query(kStation), 0);
   wait_idle();
-  EXPECT_EQ(commands(), (std::vector<std::string>{
-                            "radclient -x -r 1 10.0.0.1:1812 auth s1 -f /tmp/radc-025a00000001-3",
-                            "radclient -x -r 1 10.0.0.2:1812 auth s2 -f /tmp/radc-025a00000001-3",
-                            authresp(13)}));
+  EXPECT_EQ(wlan().cache[0].mac + " " + std::to_string(wlan().cache[0].vlan), std::string(kStation) + " 12");
+  // Within the period: answered at once, no worker; after it: asked again.
+  for (const std::int64_t age : {25, 31}) {
+    wlan().cache[0].stamp = static_cast<std::uint32_t>(common::wall_now() - age);
+    EXPECT_EQ(query(kStation), 0);
+    wait_idle();
+  }
+  const std::string ask2 = "radclient -x -r 1 10.0.0.2:1812 auth s2 -f /tmp/radc-025a00000001-3";
+  EXPECT_EQ(commands(), (std::vector<std::string>{kAsk, ask2, authresp(0), authresp(0), kAsk, ask2, authresp(0)}));
+}
+
+TEST_F(MacAuthWorker, PendingDuplicateAndBurstStartAtMostEightWorkers) {
+  enable([](const std::string& c) -> std::optional<std::string> {
+    if (c.find("025a00000001") == std::string::npos) return std::nullopt;  // silent for the burst
+    return "Received Access-Reject Id 7 from 10.0.0.1:1812 to 0.0.0.0:39780 length 20\n";
+  });
+  hold_ = true;
+  query(kStation);
+  ASSERT_TRUE(wait_until([this] { return commands().size() == 1; }));  // its radclient waits
+  EXPECT_EQ(query(kStation), 0);
+  EXPECT_EQ(active_workers(), 1);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(query(common::format("02:00:00:00:01:%02x", i)), 0);
+  EXPECT_EQ(active_workers(), 8);
+  hold_ = false;
+  wait_idle();
+  const std::vector<std::string> all = commands();
+  EXPECT_EQ(all.size(), 9u);  // 8 radclients and the reject: silent servers get no answer
+  EXPECT_EQ(std::count(all.begin(), all.end(), authresp(13)), 1);
   EXPECT_NE(access("/tmp/radc-025a00000001-3", F_OK), 0);  // deleted at the end
   EXPECT_EQ(wlan().cache[0].stamp, 0u);  // a reject is not cached
 }
 
-TEST_F(MacAuthWorker, AcceptIsCachedForThePeriodOnly) {
-  enable_with_servers(true, false, [](const std::string&) {
-    return "Received response ID 36, code 2, length = 44\n\tTunnel-Type:0 = VLAN\n"
-           "\tTunnel-Medium-Type:0 = IEEE-802\n\tTunnel-Private-Group-Id:0 = \"12\"\n";
-  });
-  query(kStation);
-  wait_idle();
-  EXPECT_EQ(wlan().cache[0].mac, kStation);
-  EXPECT_EQ(wlan().cache[0].vlan, 12);
-  // Within the period: answered at once, no radclient.
-  wlan().cache[0].stamp = static_cast<std::uint32_t>(common::wall_now() - 5);
-  EXPECT_EQ(query(kStation), 0);
-  EXPECT_EQ(active_workers(), 0);
-  EXPECT_EQ(commands("radclient").size(), 1u);
-  EXPECT_EQ(commands(authresp(0)).size(), 2u);
-  // After the period: asked again.
-  wlan().cache[0].stamp =
-      static_cast<std::uint32_t>(common::wall_now() - ctx_->macauth.acl_cache_period - 1);
-  query(kStation);
-  wait_idle();
-  EXPECT_EQ(commands("radclient").size(), 2u);
-}
-
-TEST_F(MacAuthWorker, PendingDuplicateRunsNoSecondQuery) {
-  enable_with_servers(true, false, [](const std::string&) { return kFr3Reject; });
-  hold_ = true;
-  query(kStation);
-  ASSERT_TRUE(wait_until([this] { return commands("radclient").size() == 1; }));
-  EXPECT_EQ(query(kStation), 0);
-  EXPECT_EQ(active_workers(), 1);
-  hold_ = false;
-  wait_idle();
-  EXPECT_EQ(commands("radclient").size(), 1u);
-  EXPECT_EQ(commands("authresp").size(), 1u);
-}
-
-TEST_F(MacAuthWorker, BurstNeverRunsMoreThanEightWorkers) {
-  enable_with_servers(true, false);
-  hold_ = true;
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(query(common::format("02:00:00:00:00:%02x", i)), 0);
-  EXPECT_EQ(active_workers(), macauth::kMaxWorkers);
-  hold_ = false;
-  wait_idle();
-  EXPECT_EQ(commands("radclient").size(), static_cast<std::size_t>(macauth::kMaxWorkers));
-  EXPECT_EQ(commands("authresp").size(), 0u);  // silent server: no answer
-}
-
 TEST_F(MacAuthWorker, RequiredVlanRefusesAcceptWithoutTunnelAndSendsTrap5) {
-  enable_with_servers(true, false, [](const std::string&) {
+  enable([](const std::string&) {
     return "Received Access-Accept Id 9 from 10.0.0.1:1812 to 0.0.0.0:51470 length 20\n";
   });
   ctx_->vlan.bridge_mode = 1;
@@ -171,27 +139,24 @@ TEST_F(MacAuthWorker, RequiredVlanRefusesAcceptWithoutTunnelAndSendsTrap5) {
                         ".1.3.6.1.4.1.9991.100.7.14.17", "2c", "public", "10.9.9.9", 1});
   query(kStation);
   wait_idle();
-  EXPECT_EQ(commands("authresp").size(), 0u);
-  EXPECT_EQ(commands("snmptrap").size(), 1u);
-  EXPECT_EQ(commands(".5.2.1 s 02:5a:00:00:00:01 ").size(), 1u);
+  ASSERT_EQ(commands().size(), 2u);  // radclient, snmptrap: no answer to the driver
+  EXPECT_NE(commands()[1].find("snmptrap -v 2c -c public 10.9.9.9 \"\" .1.3.6.1.4.1.9991.100.7.14.17.5.1 "
+                               ".1.3.6.1.4.1.9991.100.7.14.17.5.2.1 s 02:5a:00:00:00:01 "), std::string::npos);
   EXPECT_EQ(wlan().cache[0].stamp, 0u);
 }
 
 TEST(MacAuthInit, WlanSettingsAndServers) {
-  std::vector<std::string> commands;
-  common::CommandRecorder recorder{[&](const std::string& c) { commands.push_back(c); }, {}};
+  common::CommandRecorder recorder{[](const std::string& c) { ADD_FAILURE() << c; }, {}};  // none runs
   auto ctx = std::make_unique<DaemonContext>();
   ctx->macauth.active_workers = 5;
+  ctx->macauth.acl_cache_period = 7;
   ctx->macauth.wlan_acl[0].cache[0] = {123, 4, kStation};
   for (auto& v : ctx->vlan.wlan_vlan) v.dynamic_mode = 0;  // no ebtables module needed
   ctx->masterconf = config::load_taglist_buffer(
-      "ACL_CACHE_PERIOD=\"\"\n"
-      "RADIUS1_HOST=\"10.1.1.1\"\nRADIUS1_SECRET=\"def1\"\nRADIUS1_AUTHPORT=\"1812\"\n"
-      "RADIUS2_HOST=\"\"\nRADIUS2_SECRET=\"def2\"\n"
-      "WLAN1_ACL_MODE=\"3\"\nWLAN1_SSID=\"one\"\nWLAN1_RADIUS=\"disable\"\n"
-      "WLAN2_ACL_MODE=\"3\"\nWLAN2_SSID=\"\"\nWLAN2_RADIUS=\"enable\"\n"
-      "WLAN2_RADIUS1_SECRET=\"s\"\nWLAN2_RADIUS1_AUTHPORT=\"1\"\n"
-      "WLAN2_RADIUS2_HOST=\"10.2.2.2\"\nWLAN2_RADIUS2_AUTHPORT=\"1999\"\n"
+      "ACL_CACHE_PERIOD=\"\"\nRADIUS1_HOST=\"10.1.1.1\"\nRADIUS1_SECRET=\"def1\"\nRADIUS1_AUTHPORT=\"1812\"\n"
+      "RADIUS2_HOST=\"\"\nRADIUS2_SECRET=\"def2\"\nWLAN1_ACL_MODE=\"3\"\nWLAN1_SSID=\"one\"\nWLAN1_RADIUS=\"disable\"\n"
+      "WLAN2_ACL_MODE=\"3\"\nWLAN2_SSID=\"\"\nWLAN2_RADIUS=\"enable\"\nWLAN2_RADIUS1_SECRET=\"s\"\n"
+      "WLAN2_RADIUS1_AUTHPORT=\"1\"\nWLAN2_RADIUS2_HOST=\"10.2.2.2\"\nWLAN2_RADIUS2_AUTHPORT=\"1999\"\n"
       "WLAN3_ACL_MODE=\"3\"\nWLAN3_RADIUS=\"disable\"\n", 1);
   common::set_command_recorder(&recorder);
   macauth::mac_auth_init(*ctx);
@@ -199,16 +164,18 @@ TEST(MacAuthInit, WlanSettingsAndServers) {
   const macauth::MacAuthState& st = ctx->macauth;
   EXPECT_EQ(st.acl_cache_period, 20);
   EXPECT_EQ(st.active_workers + st.wlan_acl[0].cache[0].stamp, 0u);
-  EXPECT_TRUE(commands.empty());
-  const auto& defaults = st.wlan_acl[0].servers;  // the default servers
-  EXPECT_EQ(defaults[0].valid + defaults[1].valid, 1u);
-  EXPECT_EQ(defaults[0].host + " " + defaults[0].secret + " " + defaults[1].secret, "10.1.1.1 def1 def2");
-  const auto& own = st.wlan_acl[1].servers;  // no host, no server; a secret-less one keeps port 0
-  EXPECT_EQ(own[0].valid + own[1].valid, 1u);
-  EXPECT_EQ(own[1].host + " " + std::to_string(own[1].auth_port), "10.2.2.2 0");
-  // No SSID: enabled, never asks a server. No mode: disabled.
-  EXPECT_EQ(st.wlan_acl[2].enabled + st.wlan_acl[2].servers[0].valid + st.wlan_acl[2].servers[1].valid, 1u);
-  EXPECT_EQ(st.wlan_acl[3].enabled, 0u);
+  // Each WLAN as "enabled: valid host secret port, ...".
+  auto described = [&st](int w) {
+    std::string out = std::to_string(st.wlan_acl[w].enabled) + ":";
+    for (const macauth::RadiusServer& s : st.wlan_acl[w].servers)
+      out += common::format(" %u %s %s %d,", s.valid, s.host.c_str(), s.secret.c_str(), s.auth_port);
+    return out;
+  };
+  EXPECT_EQ(described(0), "1: 1 10.1.1.1 def1 1812, 0  def2 0,");  // the default servers, valid with a host
+  // Own servers: none without a host; without a secret the port is not read.
+  EXPECT_EQ(described(1), "1: 0   0, 1 10.2.2.2  0,");
+  EXPECT_EQ(described(2), "1: 0   0, 0   0,");  // no SSID: enabled, never asks a server
+  EXPECT_EQ(described(3), "0: 0   0, 0   0,");  // no mode: disabled
 }
 
 }  // namespace
