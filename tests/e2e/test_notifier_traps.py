@@ -1,4 +1,4 @@
-"""Notifier reports (hold-off, roaming, client limits with hostile SSIDs) and
+"""Notifier reports (minimum age and hold-off, client limits with hostile SSIDs) and
 SNMP traps: the receiver from the configuration, and every trap that the
 daemon raises received by a real snmptrapd."""
 import os
