@@ -26,14 +26,18 @@ def radius(sandbox):
     server.stop()
 
 
-def configure(sandbox):
-    """WLAN 1 on ath0 with external MAC authentication against the server
-    (a silent first server: MacAuthWorker unit tests); bridge mode with
-    optional dynamic VLANs."""
-    two_vaps(sandbox, {"AP_MODE": "bridge", "WLAN1_ACL_MODE": "3", "WLAN1_DYNAMIC_VLAN": "optional",
-                       "WLAN1_RADIUS": "enable", "WLAN1_RADIUS1_HOST": "127.0.0.1",
-                       "WLAN1_RADIUS1_SECRET": radius_server.SECRET,
-                       "WLAN1_RADIUS1_AUTHPORT": str(radius_server.AUTH_PORT)})
+LOCAL = ("127.0.0.1", radius_server.AUTH_PORT)
+SILENT = ("127.0.0.1", 1999)  # nothing listens: radclient waits for its time-out
+
+
+def configure(sandbox, servers):
+    """WLAN 1 on ath0 with external MAC authentication against the given
+    per-WLAN servers (host, port); bridge mode with optional dynamic VLANs."""
+    config = {"AP_MODE": "bridge", "WLAN1_ACL_MODE": "3", "WLAN1_DYNAMIC_VLAN": "optional", "WLAN1_RADIUS": "enable"}
+    for n, (host, port) in enumerate(servers, 1):
+        config.update({f"WLAN1_RADIUS{n}_HOST": host, f"WLAN1_RADIUS{n}_SECRET": radius_server.SECRET,
+                       f"WLAN1_RADIUS{n}_AUTHPORT": str(port)})
+    two_vaps(sandbox, config)
     # The applied marker makes start-up apply the VLAN and MAC-auth settings.
     sandbox.write("/etc/masterconfig.applied", "")
     # radclient refuses a request whose NAS-IP-Address is not an address.
@@ -49,7 +53,7 @@ def ask(sandbox, mac):
 
 
 def test_accept_with_vlan_and_reject(sandbox, radius):
-    configure(sandbox)
+    configure(sandbox, [LOCAL])
     sandbox.start()
 
     assert ask(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"] and len(radius.logins()) == 1
@@ -63,3 +67,9 @@ def test_accept_with_vlan_and_reject(sandbox, radius):
     assert ask(sandbox, ACCEPTED)[2:] == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
     assert len(radius.logins()) == 2
 
+
+
+def test_dead_primary_falls_through_to_secondary(sandbox, radius):
+    configure(sandbox, [SILENT, LOCAL])
+    sandbox.start()
+    assert ask(sandbox, REJECTED) == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"] and len(radius.logins()) == 1
