@@ -3,7 +3,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -101,6 +100,16 @@ TEST_F(NotifierQueue, HeldRepeatedAndDroppedCodes) {
   }
 }
 
+// The command with each call's time field written as T.
+std::string without_times(std::string text) {
+  for (std::size_t at = 0; (at = text.find("\" ", at)) != std::string::npos; at += 3) {
+    const std::size_t end = text.find("  &", at);
+    if (end == std::string::npos) break;
+    text.replace(at + 2, end - at - 2, "T");
+  }
+  return text;
+}
+
 TEST_F(NotifierQueue, RoamingReportsTheOldVapsLeavingFirstInOneCommand) {
   clients::ClientRecord& old_vap = station(1, 0, 12, 20);  // left ath0; its report is held
   old_vap.pending_code = 12;
@@ -108,7 +117,7 @@ TEST_F(NotifierQueue, RoamingReportsTheOldVapsLeavingFirstInOneCommand) {
   clients::ClientRecord& new_vap = station(2, 1);
   clients::tavo_event_queue(new_vap, 11, sources_);
   ASSERT_EQ(commands_.size(), 1u);
-  EXPECT_EQ(std::regex_replace(commands_[0], std::regex("\" -?[0-9]+  &"), "\" T  &"),  // times as T
+  EXPECT_EQ(without_times(commands_[0]),
             "tavo_client  -E 22 \"001122334455 0A0000000001 [6F6666696365]\" T  &"
             "tavo_client  -E 21 \"001122334455 0A0000000002 [6775657374]\" T  &");
   EXPECT_EQ(old_vap.pending_code, 0);
