@@ -68,7 +68,6 @@ def test_accept_with_vlan_and_reject(sandbox, radius):
     assert len(radius.logins()) == 2
 
 
-
 def test_dead_primary_falls_through_to_secondary(sandbox, radius):
     configure(sandbox, [SILENT, LOCAL])
     sandbox.start()
