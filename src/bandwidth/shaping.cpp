@@ -61,18 +61,7 @@ int configured_rate(const config::taglist* conf, int ath, int direction) {
   return std::atoi(rate->c_str());
 }
 
-void reset_bandwidth(clients::BandwidthBlock& block) {
-  block.tc_dev.clear();
-  block.bw_slot = 0;
-  block.up_mark = 0;
-  block.down_mark = 0;
-  block.up_parent = 0;
-  block.down_parent = 0;
-  block.radio = 0;
-  block.tc_major = 0;
-  block.up_rate = -1;
-  block.down_rate = -1;
-}
+void reset_bandwidth(clients::BandwidthBlock& block) { block = clients::BandwidthBlock{}; }
 
 unsigned bandwidth_mark(unsigned slot, int direction, int wlan) {
   return slot * 32 + static_cast<unsigned>(direction) * 16 + static_cast<unsigned>(wlan - 1);

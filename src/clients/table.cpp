@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "bandwidth/shaping.h"
 #include "common/clock.h"
@@ -64,35 +65,15 @@ void clear_record(ClientRecord& record) {
     bandwidth::remove_bandwidth(conf, record.mac, record.ifindex, record.bandwidth);
     record.bandwidth.bw_slot = 0;
   }
-  record.mac.clear();
-  record.ip = 0;
-  record.last_update = 0;
-  record.first_assoc_uptime = 0;
-  record.assoc_uptime = 0;
-  record.disassoc_uptime = 0;
-  record.assoc_count = 0;
-  record.disassoc_count = 0;
-  record.ifindex = 0;
-  record.vlan_id = 0;
-  record.rx_bytes = 0;
-  record.tx_bytes = 0;
-  record.rx_packets = 0;
-  record.stat_a = 0;
-  record.tx_packets = 0;
-  record.stat_b = 0;
-  record.stat_c = 0;
-  record.stat_d = 0;
-  record.stat_e = 0;
-  record.current = 0;
-  record.pending_code = 0;
-  record.pending_flag = 0;
-  record.pending_since = 0;
-  record.holdoff_deadline = 0;
-  record.state = 0;
-  record.state_time = 0;
-  record.in_use = 0;
-  // owner, portal, the rest of the bandwidth block and vlan_pool_slot stay:
-  // the next station in this slot sets them again.
+  // Everything else goes back to its zero state; owner, portal, the
+  // bandwidth block and vlan_pool_slot stay: the next station in this slot
+  // sets them again.
+  ClientRecord cleared;
+  cleared.owner = record.owner;
+  cleared.portal = record.portal;
+  cleared.bandwidth = std::move(record.bandwidth);
+  cleared.vlan_pool_slot = record.vlan_pool_slot;
+  record = std::move(cleared);
 }
 
 int check_expired(daemon_core::DaemonContext& ctx) {
