@@ -372,10 +372,11 @@ class Sandbox:
             return f"cannot inspect: {e}"
         return None
 
-    def wait_idle(self, timeout=5):
+    def wait_idle(self, timeout=30):
         """Waits until the daemon waits in select with no thread or child
         process running and nothing unread in its pipes and netlink socket
-        (twice in a row, 20 ms apart)."""
+        (twice in a row, 20 ms apart). The time-out is generous: on a loaded
+        machine a burst of shell commands keeps the daemon busy for seconds."""
         deadline = time.monotonic() + timeout
         calm = 0
         while True:
