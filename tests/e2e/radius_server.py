@@ -72,7 +72,7 @@ class RadiusServer:
             authorize.unlink()
         authorize.write_text(users)
 
-    def start(self, timeout=15):
+    def start(self, timeout=60):
         """Starts radiusd -f and waits until it serves requests."""
         self.log.write_text("")
         self._proc = self.sandbox.spawn_in_ns(

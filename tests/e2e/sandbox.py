@@ -243,7 +243,7 @@ class Sandbox:
         self.run_in_ns(["ip", "-batch", "-"], input=f"link add {name} address {mac} type veth peer name {peer}\n"
                                                    f"link set {peer} up\nlink set {name} up\n")
 
-    def run_in_ns(self, argv, check=True, input=None, timeout=10):
+    def run_in_ns(self, argv, check=True, input=None, timeout=60):
         """Runs argv inside the sandbox's namespaces."""
         result = subprocess.run(self._nsenter + ["--", *argv], input=input, capture_output=True, text=True,
                                 timeout=timeout)

@@ -48,7 +48,7 @@ def configure(sandbox, servers):
 def ask(sandbox, mac):
     """The driver's request; once the worker has ended, every iwpriv call so far."""
     sandbox.write_fifo("/etc/event_pipe", f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {mac}\n")
-    sandbox.wait_idle(timeout=20)
+    sandbox.wait_idle(timeout=60)
     return sandbox.commands("iwpriv")
 
 
