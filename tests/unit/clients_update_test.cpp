@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -66,7 +67,7 @@ TEST_F(UpdateHandler, UnknownInterfaceGoesToLatestAssociation) {
   rec(1).assoc_uptime = 200;
   rec(0).disassoc_uptime = rec(1).disassoc_uptime = 0;
   update(10, -1, kStation, "10.1.1.1");
-  EXPECT_EQ(rec(1).ip, 0x0101010au);
+  EXPECT_EQ(rec(1).ip, htonl(0x0a010101u));  // 10.1.1.1, kept in network order
   EXPECT_EQ(rec(0).ip, 0u);
 }
 

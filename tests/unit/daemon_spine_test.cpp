@@ -60,33 +60,48 @@ TEST(SpineKnownAp, KeepsTheFirst256AndCutsTokensTo17) {
   EXPECT_EQ(daemon_core::fill_known_ap_list(slots, "   "), 0);
 }
 
-// --- netlink walk on hand-built messages (host byte order, little-endian)
+// --- netlink walk on hand-built messages, in this machine's byte order as
+// the kernel sends them (the big-endian targets run the same cases)
 
 using Bytes = std::vector<std::uint8_t>;
 using Lines = std::vector<std::string>;
-void put(Bytes& b, std::uint64_t v, int n) {
-  for (int i = 0; i < n; ++i, v >>= 8) b.push_back(static_cast<std::uint8_t>(v));
+template <typename T>
+void put(Bytes& b, T v) {
+  std::uint8_t raw[sizeof v];
+  std::memcpy(raw, &v, sizeof v);
+  b.insert(b.end(), raw, raw + sizeof v);
+}
+void put_event(Bytes& b, std::uint16_t length, std::uint16_t command) {
+  put<std::uint16_t>(b, length);
+  put<std::uint16_t>(b, command);
 }
 // A link message of the type for interface 7, with a wireless attribute
 // when it holds events: a short one (4 bytes), a custom one, a MIC failure.
 Bytes link_message(std::uint16_t type, bool short_event = false, bool custom = false, bool mic = false) {
   Bytes events;
-  if (short_event) put(events, 0x8C060004, 4);
+  if (short_event) put_event(events, 4, 0x8C06);
   if (custom) {
-    put(events, 0x8C020014, 6);  // length, command, iw_point padding before the address
+    put_event(events, 20, 0x8C02);
+    put<std::uint16_t>(events, 0);  // iw_point padding before the address
     events.insert(events.end(), {0xde, 0xad, 0xbe, 0xef, 0x00, 0x0a, 'h', 'e', 'l', 'l', 'o', '!', '!', '!'});
   }
-  if (mic) put(events, 0x8C060008, 8);
+  if (mic) {
+    put_event(events, 8, 0x8C06);
+    put<std::uint32_t>(events, 0);
+  }
   const std::size_t attribute = events.empty() ? 0 : 4 + events.size();
   Bytes b;
-  put(b, 32 + ((attribute + 3) & ~std::size_t{3}), 4);
-  put(b, type, 2);
-  put(b, 0, 10);  // flags, sequence, port
-  put(b, 1 << 16, 4);  // family, padding, device type
-  put(b, 7, 4);
-  put(b, 0, 8);
+  put<std::uint32_t>(b, static_cast<std::uint32_t>(32 + ((attribute + 3) & ~std::size_t{3})));
+  put<std::uint16_t>(b, type);
+  put<std::uint16_t>(b, 0);  // flags
+  put<std::uint32_t>(b, 0);  // sequence
+  put<std::uint32_t>(b, 0);  // port
+  put<std::uint16_t>(b, 0);  // family, padding
+  put<std::uint16_t>(b, 1);  // device type
+  put<std::int32_t>(b, 7);   // interface index
+  put<std::uint64_t>(b, 0);  // flags, change mask
   if (attribute) {
-    put(b, attribute | 11 << 16, 4);
+    put_event(b, static_cast<std::uint16_t>(attribute), 11);
     b.insert(b.end(), events.begin(), events.end());
     b.resize((b.size() + 3) & ~std::size_t{3});
   }
@@ -102,7 +117,8 @@ TEST(SpineNetlink, EventsMalformedAndTruncatedReceives) {
   EXPECT_EQ(walk(first), first_lines);
   EXPECT_EQ(walk(link_message(16, true, false, true)), Lines{});  // a short event stops the attribute
   Bytes tiny = link_message(17);
-  tiny[0] = 8;  // a length below the header
+  const std::uint32_t below_header = 8;
+  std::memcpy(tiny.data(), &below_header, sizeof below_header);
   EXPECT_EQ(walk(tiny), Lines{"malformed message"});
   // Every cut of a good buffer: the messages that arrived whole are handled,
   // a cut one with at least a header is malformed (in the sanitizer build this
