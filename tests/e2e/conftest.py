@@ -26,9 +26,13 @@ def pytest_addoption(parser):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "long: a long test, run only with --long")
+    config.addinivalue_line("markers", "target: also runs on a target build under qemu-user (CLIENTMGR_QEMU)")
 
 
 def pytest_collection_modifyitems(config, items):
+    if sandbox_lib.QEMU:  # a target build through qemu-user: the tests marked for it
+        config.hook.pytest_deselected(items=[i for i in items if "target" not in i.keywords])
+        items[:] = [i for i in items if "target" in i.keywords]
     if config.getoption("--long"):
         return
     skip = pytest.mark.skip(reason="long test: runs only with --long (scripts/test --long)")

@@ -35,6 +35,13 @@ PIPES = ("/etc/iwevent_pipe", "/etc/event_pipe", "/etc/client_table_pipe")
 
 # Syscalls in which the daemon's main thread waits for its sources.
 SELECT_SYSCALLS = {"x86_64": {"23", "270"}, "aarch64": {"72"}}.get(os.uname().machine, set())
+# A target build's daemon runs through qemu-user when this names it with its
+# library root ("qemu-mips -L /usr/mips-linux-gnu"); the shim of that build
+# is the target's and is preloaded into the guest. qemu-user keeps one thread
+# of its own besides the daemon's.
+QEMU = shlex.split(os.environ.get("CLIENTMGR_QEMU", ""))
+IDLE_THREADS = 2 if QEMU else 1
+SLOWDOWN = 2 if QEMU else 1  # emulated, every command the daemon starts takes longer
 
 
 class SandboxError(Exception):
@@ -326,14 +333,21 @@ class Sandbox:
             raise SandboxError("daemon already running")
         env = {"PATH": f"{self.root}/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                "LD_PRELOAD": str(self.shim_path), "CLIENTMGR_SANDBOX": str(self.root), "HOME": "/root", "LANG": "C"}
+        argv, comm = ["stdbuf", "-oL", str(self.daemon_path)], self.daemon_path.name
+        if QEMU:
+            # In the guest the shim line-buffers stdout and keeps itself from
+            # the host programs the daemon starts.
+            del env["LD_PRELOAD"]
+            argv = [*QEMU, "-E", f"LD_PRELOAD={self.shim_path}", "-E", "CLIENTMGR_SHIM_GUEST=1", str(self.daemon_path)]
+            comm = os.path.basename(QEMU[0])
         with open(self.root / "stdout", "wb") as out, open(self.root / "stderr", "wb") as err:
-            self._proc = subprocess.Popen(self._nsenter + ["--", "stdbuf", "-oL", str(self.daemon_path)],
+            self._proc = subprocess.Popen(self._nsenter + ["--", *argv],
                                           stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env, umask=0o022)
         self.pid = None
         deadline = time.monotonic() + 5
         while self._proc.poll() is None and time.monotonic() < deadline:
             kids = _children(self._proc.pid)  # nsenter's child execs stdbuf, then the daemon
-            if kids and _read(f"/proc/{kids[0]}/comm").strip() == self.daemon_path.name[:15]:
+            if kids and _read(f"/proc/{kids[0]}/comm").strip() == comm[:15]:
                 self.pid = kids[0]
                 break
             time.sleep(0.002)
@@ -355,7 +369,7 @@ class Sandbox:
         """Why the daemon is not idle, or None when it is."""
         pid = self.pid
         try:
-            if len(os.listdir(f"/proc/{pid}/task")) != 1:
+            if len(os.listdir(f"/proc/{pid}/task")) != IDLE_THREADS:
                 return "worker threads running"
             call = _read(f"/proc/{pid}/syscall").split()[0]
             if call not in SELECT_SYSCALLS:
@@ -377,6 +391,7 @@ class Sandbox:
         process running and nothing unread in its pipes and netlink socket
         (twice in a row, 20 ms apart). The time-out is generous: on a loaded
         machine a burst of shell commands keeps the daemon busy for seconds."""
+        timeout *= SLOWDOWN
         deadline = time.monotonic() + timeout
         calm = 0
         while True:

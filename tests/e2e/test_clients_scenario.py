@@ -3,6 +3,8 @@ and portal routes, rate and VLAN changes, roaming between two VAPs, its
 traffic report, leaving and expiry; then a full table and its readers."""
 import threading
 
+import pytest
+
 from helpers_clients import (STATION, client_list, iwevent, lines_of, macs, new_records, parse_client_list, send,
                              two_vaps)
 
@@ -19,6 +21,7 @@ class Recorder:
         return [c.text for c in fresh]
 
 
+@pytest.mark.target
 def test_station_lifecycle_across_two_vaps(sandbox):
     two_vaps(sandbox, config={"AP_MODE": "bridge", "WLAN1_VLANID": "10", "WLAN2_VLANID": "20", "WLAN2_PORTAL": "enable",
                               "WLAN1_BANDWIDTH_CONTROL": "enable", "WLAN1_CLIENT_BANDWIDTH_UPSTREAM": "512",
@@ -92,6 +95,7 @@ def test_station_lifecycle_across_two_vaps(sandbox):
 
     # Leaving ath1 100 s later: route and VLAN rules withdrawn, no longer associated.
     sandbox.advance_time(100)
+    before = sandbox.uptime()
     iwevent(sandbox, "ath1", "Expired")
     left = rec.new()
     assert left[0] == "ip ro del 10.0.1.8 dev br20 table rt_portal"
@@ -99,7 +103,9 @@ def test_station_lifecycle_across_two_vaps(sandbox):
     assert not sandbox.exists(f"/tmp/ebt_ctm/{STATION}")
     gone = client_list(sandbox)[1]
     down = gone[4]
-    assert gone == ("ath1", STATION, "0.0.0.0", up1, down, 1, 1, up1) and 99 <= down - up1 <= 101
+    # (slow runs, under emulation say, let real seconds pass in between)
+    assert gone == ("ath1", STATION, "0.0.0.0", up1, down, 1, 1, up1) and down - up1 >= 99
+    assert before - 1 <= down <= sandbox.uptime() + 1
     assert sandbox.read("/etc/clientip_assoc") == ""
     assert sandbox.syslog()[-1].message == f"__TOVELLOG__Client {STATION} disassociated from SSID Guest"
 

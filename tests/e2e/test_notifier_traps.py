@@ -45,6 +45,7 @@ def around(t, first, last):
     return first - 1 <= t <= last + 1
 
 
+@pytest.mark.target
 def test_held_reports_wait_for_min_age_and_holdoff(sandbox):
     """Roaming with a held report: NotifierQueue unit tests."""
     two_vaps(sandbox)
@@ -108,6 +109,7 @@ def test_client_limits_with_hostile_ssids(sandbox):
     assert not sandbox.exists("/tmp/pwned")
 
 
+@pytest.mark.target
 def test_trap_receiver_and_prefix_follow_the_configuration(sandbox):
     sandbox.write("/etc/hardware_qx417", "")
     sandbox.write("/proc/wifi0/neighbor_ap", "02:aa:bb:cc:dd:ee 1 2 3 4 5 6 7 8 9 10 [x]\n")

@@ -10,6 +10,7 @@ PIPES = ("/etc/iwevent_pipe", "/etc/event_pipe", "/etc/client_table_pipe")
 CLIENT_FILES = ("/etc/clientip", "/etc/clientip_assoc", "/etc/client_accu_stat")
 
 
+@pytest.mark.target
 def test_startup_restarts_iwevent_prepares_files_and_watches_links(sandbox):
     for path in CLIENT_FILES:
         sandbox.write(path, "stale\n")

@@ -87,6 +87,16 @@ long setting(const char* key, const char* ifname = nullptr) {
   return result;
 }
 
+// Under qemu-user (CLIENTMGR_SHIM_GUEST set) this is the target's shim in
+// the guest: stdout is line-buffered here, as stdbuf does on the host, and
+// LD_PRELOAD is taken out of the environment, so that the host programs the
+// daemon starts do not try to load it.
+__attribute__((constructor)) void guest_setup() {
+  if (getenv("CLIENTMGR_SHIM_GUEST") == nullptr) return;
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  unsetenv("LD_PRELOAD");
+}
+
 }  // namespace
 
 extern "C" {
