@@ -33,8 +33,8 @@ struct SplitCommand {
 SplitCommand split_command(std::string_view command);
 
 // Aborts (printing the command and why) when the command is not harmless, or
-// when one of the values, which came from the fuzzer, lies across more than
-// one word of it.
+// when one of the values, which came from the fuzzer and hold shell syntax,
+// lies across more than one word of it.
 void check_command(std::string_view command, const std::vector<std::string>& values = {});
 
 // While alive: every command run is recorded and checked against the

@@ -22,6 +22,7 @@
 #include "daemon/client_pipe.h"
 #include "daemon/interpreter.h"
 #include "daemon/netlink.h"
+#include "daemon/reload.h"
 #include "fuzz_common.h"
 #include "macauth/radius.h"
 #include "vlan/pool.h"
@@ -130,7 +131,8 @@ void interfaces(std::string_view text) {
   (void)clients::interface_from_query_line(text);
 }
 
-// "/var/run/wireless.status" and "/etc/dev_lan_if" as the readers see them.
+// "/var/run/wireless.status", "/etc/dev_lan_if" and the uptime file of a
+// configuration apply as the readers see them.
 void status_files(std::string_view text) {
   const std::size_t cut = text.find("\n--\n");
   fuzz::write_file(config::kWirelessStatusPath, text.substr(0, cut));
@@ -146,6 +148,8 @@ void status_files(std::string_view text) {
     (void)config::get_snmp_trap_radio_band(i);
     (void)common::get_interface_name_by_idx(i);
   }
+  fuzz::write_file(daemon_core::kLastApplyUptimePath, text.substr(0, 64));
+  (void)daemon_core::read_last_apply_uptime();
   (void)common::get_interface_idx_by_name("ath1");
   (void)common::get_interface_idx_by_name(text.substr(0, 24));
 }
