@@ -35,13 +35,13 @@ std::string table_text(const daemon_core::DaemonContext& ctx, bool associated_on
   return text;
 }
 
-// The new file replaces the old one whole; the guard is cleared only once
-// the new content is in place.
+// The new file replaces the old one whole. The guard is cleared before the
+// move and also when the file cannot be written (a full /etc), so the next
+// event tries the rewrite, and the expiry with it, again.
 int replace(daemon_core::DaemonContext& ctx, const std::string& destination,
             const std::string& content) {
-  if (common::replace_file_atomically(destination, content) != 0) return 1;
   ctx.files_refresh = 0;
-  return 0;
+  return common::replace_file_atomically(destination, content) == 0 ? 0 : 1;
 }
 
 }  // namespace

@@ -38,9 +38,9 @@ std::string client_stats_line(const ClientRecord& record, std::string_view ifnam
 std::string client_list_text(const daemon_core::DaemonContext& ctx, bool associated_only);
 std::string client_stats_text(const daemon_core::DaemonContext& ctx);
 
-// Replace the destination whole with the list / statistics. 1 when the new
-// file cannot be written (the files refresh guard stays as it is); else 0,
-// with ctx.files_refresh cleared.
+// Replace the destination whole with the list / statistics (mode 0600).
+// Clears ctx.files_refresh either way; 1 when the new file cannot be
+// written (the old one stays), else 0.
 int write_client_list(daemon_core::DaemonContext& ctx, const std::string& destination,
                       bool associated_only);
 int write_client_stats(daemon_core::DaemonContext& ctx, const std::string& destination);

@@ -53,8 +53,8 @@ int replace_file_atomically(const std::string& destination, std::string_view con
   name.push_back('\0');
   int fd = ::mkstemp(name.data());
   if (fd < 0) return -1;
+  // mkstemp leaves the file 0600, the mode the replaced file keeps.
   bool ok = write_all(fd, content);
-  ::fchmod(fd, 0644);
   if (::close(fd) != 0) ok = false;
   if (ok && ::rename(name.data(), destination.c_str()) == 0) return 0;
   ::unlink(name.data());

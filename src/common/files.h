@@ -34,7 +34,8 @@ int open_nofollow_for_write(const std::string& path, int flags);
 
 // Replaces the destination whole with the given content: a temporary file
 // is written beside it (or under tmp_dir when that shares its file system)
-// and renamed onto it. 0 on success, -1 on failure (the old file stays).
+// and renamed onto it, mode 0600. 0 on success, -1 on failure (the old file
+// stays).
 int replace_file_atomically(const std::string& destination, std::string_view content);
 
 }  // namespace common

@@ -4,11 +4,12 @@ import sandbox as sandbox_lib
 
 
 @pytest.fixture
-def sandbox():
+def sandbox(request):
     """A fresh Sandbox (see sandbox.py); its report is printed for failed
-    tests, and everything is removed afterwards."""
+    tests, and everything is removed afterwards. Indirect parameters are
+    Sandbox's keyword arguments."""
     try:
-        sb = sandbox_lib.Sandbox()
+        sb = sandbox_lib.Sandbox(**getattr(request, "param", {}))
     except sandbox_lib.SandboxError as e:
         if "needs root" in str(e):
             pytest.skip(str(e))

@@ -35,7 +35,14 @@ shadow() {
 	mount --move "$mnt" "$dir"
 }
 
-mount -t overlay overlay -o "lowerdir=/etc,upperdir=$sb/etc-upper,workdir=$sb/etc-work" /etc
+upper=$sb/etc-upper work=$sb/etc-work
+if [ -f "$sb/etc-size" ]; then
+	# /etc's writable layer on a tmpfs of that size, which a test can fill
+	mount -t tmpfs -o "size=$(cat "$sb/etc-size")" sandbox "$sb/etc-rw"
+	cp -a "$upper" "$sb/etc-rw/upper" && mkdir "$sb/etc-rw/work"
+	upper=$sb/etc-rw/upper work=$sb/etc-rw/work
+fi
+mount -t overlay overlay -o "lowerdir=/etc,upperdir=$upper,workdir=$work" /etc
 mount --bind "$sb/tmp" /tmp
 mount --bind "$sb/run" /run
 [ -L /var/run ] || mount --bind "$sb/run" /var/run

@@ -122,9 +122,11 @@ class _SyslogCollector:
 
 class Sandbox:
     """One private world for one daemon run, created with everything stubbed,
-    no interfaces and an empty master configuration; close() removes it."""
+    no interfaces and an empty master configuration; close() removes it.
+    etc_size (tmpfs size, e.g. "1m") puts what is written to /etc on a
+    file system of that size, which a test can fill."""
 
-    def __init__(self):
+    def __init__(self, etc_size=None):
         build = Path(os.environ.get("CLIENTMGR_BUILD", REPO / "build"))
         self.daemon_path, self.shim_path = build / "clientmgr", build / "clientmgr_shim.so"
         for f in (self.daemon_path, self.shim_path):
@@ -143,6 +145,9 @@ class Sandbox:
         self._peers = []           # processes of spawn_in_ns
         try:
             self._prepare()
+            if etc_size:
+                (self.root / "etc-rw").mkdir()
+                (self.root / "etc-size").write_text(etc_size)
             self._start_namespace()
         except BaseException:
             self.close()

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 
@@ -50,6 +51,9 @@ TEST(Files, WriteFirstLineAndAtomicReplace) {
   ASSERT_EQ(common::common_write_file(path, "abc\ndef\n"), 0);
   ASSERT_EQ(common::replace_file_atomically(path, "two\nthree\n"), 0);
   EXPECT_EQ(common::common_readfile_firstline(path), "two\n");
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
   EXPECT_EQ(common::common_readfile_firstline(path + ".missing"), "");
   EXPECT_EQ(common::common_write_file("/nonexistent-dir/x", "a"), -1);
   EXPECT_EQ(common::replace_file_atomically("/nonexistent-dir/x", "a"), -1);

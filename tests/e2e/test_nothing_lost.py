@@ -1,0 +1,53 @@
+"""Nothing a user relies on is lost: a full /etc for a while, the client
+files' modes."""
+import errno
+import os
+
+import pytest
+
+from helpers_clients import iwevent, macs, send
+
+CLIENT_PIPE = "/etc/client_table_pipe"
+CLIENT_FILES = ("/etc/clientip", "/etc/clientip_assoc", "/etc/client_accu_stat")
+LEFT = "00:11:22:33:44:55"
+
+
+def client(i):
+    return f"02:00:00:00:00:{i:02x} 10.0.0.{i + 1} ath0"
+
+
+def fill(sandbox, path):
+    """Writes to path until the file system is full."""
+    with open(sandbox.host_path(path), "wb", buffering=0) as f:
+        try:
+            while True:
+                f.write(b"\0" * 4096)
+        except OSError as e:
+            assert e.errno == errno.ENOSPC
+
+
+@pytest.mark.parametrize("sandbox", [{"etc_size": "1m"}], indirect=True)
+def test_full_etc_then_freed_the_next_line_rewrites_and_expires_again(sandbox):
+    sandbox.start()
+    iwevent(sandbox, "ath0", "Registered", LEFT)
+    sandbox.advance_time(1)
+    iwevent(sandbox, "ath0", "Expired", LEFT)
+    send(sandbox, client(0), pipe=CLIENT_PIPE)
+    assert macs(sandbox) == [LEFT, client(0)[:17]]
+    assert [os.stat(sandbox.host_path(p)).st_mode & 0o7777 for p in CLIENT_FILES] == [0o600] * 3
+    before = {p: sandbox.read(p) for p in CLIENT_FILES}
+
+    # /etc full for 30 lines: every rewrite fails and the old files stay.
+    fill(sandbox, "/etc/filler")
+    for i in range(1, 31):
+        send(sandbox, client(i), pipe=CLIENT_PIPE)
+    assert {p: sandbox.read(p) for p in CLIENT_FILES} == before
+
+    # Freed: the next line lands with all of them, and the station that left
+    # 1800 s ago expires.
+    os.unlink(sandbox.host_path("/etc/filler"))
+    sandbox.advance_time(1800)
+    send(sandbox, client(31), pipe=CLIENT_PIPE)
+    assert macs(sandbox) == [client(i)[:17] for i in range(32)]
+    assert f"expired, clear_record(0) ath0:{LEFT}" in sandbox.stdout()
+    assert [os.stat(sandbox.host_path(p)).st_mode & 0o7777 for p in CLIENT_FILES] == [0o600] * 3
