@@ -39,18 +39,6 @@ int ifindex_from_dev_lan_if(std::string_view name) {
 
 }  // namespace
 
-std::optional<std::string_view> next_line(std::string_view buffer) {
-  const std::size_t newline = buffer.find('\n');
-  if (buffer.empty() || newline == std::string_view::npos) return std::nullopt;
-  return buffer.substr(0, newline);
-}
-
-std::string_view skip_line(std::string_view buffer) {
-  const std::size_t newline = buffer.find('\n');
-  if (newline == std::string_view::npos) return buffer;
-  return buffer.substr(newline + 1);
-}
-
 std::optional<ClientLine> parse_client_line(std::string_view line, IfindexOf ifindex_of) {
   // The check lowers and cuts its text, so it runs on a copy: the address
   // and the interface are read from the line as it came.
@@ -72,23 +60,21 @@ std::optional<ClientLine> parse_client_line(std::string_view line) {
   return parse_client_line(line, ifindex_from_dev_lan_if);
 }
 
-void serve_client_pipe(DaemonContext& ctx, int pipe_fd) {
+void serve_client_pipe(DaemonContext& ctx, int pipe_fd, PipeCarry& carry) {
   check_config_apply(ctx);
   std::puts("event from client_pipe");
   std::fflush(stdout);
 
-  std::array<char, kPipeReadMax + 1> buffer{};
+  std::array<char, kPipeReadMax> buffer{};
   const ssize_t got = ::read(pipe_fd, buffer.data(), kPipeReadMax);
   if (got <= 0) return;
 
-  // The chunk is text: it ends at the first zero byte, as a C string would.
-  std::string_view rest(buffer.data(), static_cast<std::size_t>(got));
-  rest = rest.substr(0, rest.find('\0'));
-
-  for (auto line = next_line(rest); line; rest = skip_line(rest), line = next_line(rest)) {
-    const std::optional<ClientLine> parsed = parse_client_line(*line);
+  for (const std::string& whole : take_lines(carry, {buffer.data(), static_cast<std::size_t>(got)})) {
+    // A line is text: it ends at its first zero byte, as a C string would.
+    const std::string_view line = std::string_view(whole).substr(0, whole.find('\0'));
+    const std::optional<ClientLine> parsed = parse_client_line(line);
     if (!parsed) {
-      const std::string text(*line);
+      const std::string text(line);
       std::printf("no mac!!! ###%s###\n", text.c_str());
       std::fflush(stdout);
       continue;

@@ -6,22 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "daemon/pipe_lines.h"
+
 namespace daemon_core {
 
 struct DaemonContext;
 
 inline constexpr const char* kClientTablePipePath = "/etc/client_table_pipe";
-// One read takes at most this many bytes; a line cut by it is lost.
-inline constexpr std::size_t kPipeReadMax = 1023;
-
-// The text before the first newline of the buffer, or nullopt when the
-// buffer is empty or holds no newline (a trailing piece without a newline
-// is never a line).
-std::optional<std::string_view> next_line(std::string_view buffer);
-
-// The rest of the buffer after its first newline; the buffer itself when it
-// has none.
-std::string_view skip_line(std::string_view buffer);
 
 // What one client line says.
 struct ClientLine {
@@ -43,8 +34,8 @@ std::optional<ClientLine> parse_client_line(std::string_view line, IfindexOf ifi
 std::optional<ClientLine> parse_client_line(std::string_view line);
 
 // One ready event on the pipe: reads at most 1023 bytes and acts on every
-// complete line. Prints "event from client_pipe" and, per bad line,
-// "no mac!!! ###<line>###".
-void serve_client_pipe(DaemonContext& ctx, int pipe_fd);
+// line they complete (joined with what carry kept from the last read).
+// Prints "event from client_pipe" and, per bad line, "no mac!!! ###<line>###".
+void serve_client_pipe(DaemonContext& ctx, int pipe_fd, PipeCarry& carry);
 
 }  // namespace daemon_core

@@ -29,7 +29,6 @@ namespace daemon_core {
 
 namespace {
 
-constexpr std::size_t kReadLimit = 1023;
 constexpr std::size_t kWordLimit = 1023;
 constexpr std::size_t kMacLength = 17;
 constexpr int kWlanCount = 16;
@@ -387,18 +386,24 @@ void interpret_chunk(DaemonContext& ctx, std::string_view chunk) {
   }
 }
 
-void interpret_events(DaemonContext& ctx, int event_fd, int iwevent_fd, const fd_set& ready) {
+void interpret_events(DaemonContext& ctx, int event_fd, int iwevent_fd, const fd_set& ready,
+                      PipeCarry& event_carry, PipeCarry& iwevent_carry) {
   int fd = -1;
-  if (event_fd >= 0 && FD_ISSET(event_fd, &ready))
+  PipeCarry* carry = nullptr;
+  if (event_fd >= 0 && FD_ISSET(event_fd, &ready)) {
     fd = event_fd;
-  else if (iwevent_fd >= 0 && FD_ISSET(iwevent_fd, &ready))
+    carry = &event_carry;
+  } else if (iwevent_fd >= 0 && FD_ISSET(iwevent_fd, &ready)) {
     fd = iwevent_fd;
-  else
+    carry = &iwevent_carry;
+  } else {
     return;
-  char buf[kReadLimit + 1] = {};
-  const ssize_t n = ::read(fd, buf, kReadLimit);
+  }
+  char buf[kPipeReadMax] = {};
+  const ssize_t n = ::read(fd, buf, kPipeReadMax);
   if (n <= 0) return;
-  interpret_chunk(ctx, std::string_view(buf, static_cast<std::size_t>(n)));
+  for (const std::string& line : take_lines(*carry, std::string_view(buf, static_cast<std::size_t>(n))))
+    interpret_line(ctx, line);
 }
 
 }  // namespace daemon_core

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "daemon/context.h"
+#include "daemon/pipe_lines.h"
 
 namespace daemon_core {
 
@@ -17,8 +18,10 @@ namespace daemon_core {
 std::string find_value(std::string_view line, std::string_view key, std::string_view separator);
 
 // Reads one chunk (at most 1023 bytes) from the event pipe when it is in the
-// ready set, else from the iwevent pipe, and interprets its lines.
-void interpret_events(DaemonContext& ctx, int event_fd, int iwevent_fd, const fd_set& ready);
+// ready set, else from the iwevent pipe, and interprets the lines it
+// completes (joined with what that pipe's carry kept from its last read).
+void interpret_events(DaemonContext& ctx, int event_fd, int iwevent_fd, const fd_set& ready,
+                      PipeCarry& event_carry, PipeCarry& iwevent_carry);
 
 // Interprets every newline-terminated line of a chunk; a final piece
 // without a newline is not seen.

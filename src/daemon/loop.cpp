@@ -73,6 +73,8 @@ void run_loop(DaemonContext& ctx, const LoopSources& sources) {
   struct timeval timeout {};
   const int last_fd = std::max({sources.iwevent_pipe, sources.client_pipe, sources.event_pipe,
                                 sources.netlink});
+  // Each pipe keeps its unfinished line until the next read of that pipe.
+  PipeCarry iwevent_carry, event_carry, client_carry;
   for (;;) {
     fd_set ready;
     FD_ZERO(&ready);
@@ -94,9 +96,9 @@ void run_loop(DaemonContext& ctx, const LoopSources& sources) {
     if (FD_ISSET(sources.netlink, &ready)) {
       serve_netlink(ctx, sources.netlink);
     } else if (FD_ISSET(sources.client_pipe, &ready)) {
-      serve_client_pipe(ctx, sources.client_pipe);
+      serve_client_pipe(ctx, sources.client_pipe, client_carry);
     } else if (FD_ISSET(sources.event_pipe, &ready) || FD_ISSET(sources.iwevent_pipe, &ready)) {
-      interpret_events(ctx, sources.event_pipe, sources.iwevent_pipe, ready);
+      interpret_events(ctx, sources.event_pipe, sources.iwevent_pipe, ready, event_carry, iwevent_carry);
     }
 
     run_timed_work(ctx, timeout);

@@ -82,25 +82,24 @@ def test_long_cut_incomplete_and_mixed_lines(sandbox):
     sandbox.start()
     raw = lambda data: (sandbox.write_fifo("/etc/iwevent_pipe", data), sandbox.wait_idle())
 
-    # A line of 1023 bytes with its newline fills one read exactly: seen. One
-    # byte more: the read ends before the newline, the piece is dropped, and
-    # the next read holds an empty line.
+    # A line of 1022 bytes and its newline fill one read: seen. At 1023 the
+    # newline comes with the next read and the line is joined: seen again.
+    # A line of 1024 is dropped whole.
     raw(f"{STAMP} ath0 Registered node:{A}".ljust(1022) + "\n")
-    raw(f"{STAMP} ath0 Registered node:{B}".ljust(1023) + "\n")
-    assert [r[0] for r in new_records(sandbox)] == [A]
-    # A long line between two good ones: the first read ends inside it; what
-    # follows the 1023rd byte is a line of its own.
+    raw(f"{STAMP} ath0 Registered node:{A}".ljust(1023) + "\n")
+    raw(f"{STAMP} ath0 Registered node:{B}".ljust(1024) + "\n")
+    assert [r[0] for r in new_records(sandbox)] == [A] and sum(A in r.message for r in sandbox.syslog()) == 2
+    # A long line between two good ones, cut by the read: neither its head
+    # nor its tail is a line. A line whose newline comes in the next write is
+    # joined.
     before = f"{STAMP} ath0 Registered node:{C}\n"
-    head = f"{STAMP} ath0 Registered node:{D} ".ljust(1023 - len(before), "x")
-    raw(before + head + f" t1 ath1 Registered node:{E}\n{STAMP} ath0 Expired node:{C}\n")
+    head = f"{STAMP} ath0 Registered node:{D} ".ljust(1023, "x")
+    raw(before + head + f" t1 ath1 Registered node:{B}\n{STAMP} ath0 Expired node:{C}\n")
+    raw(f"{STAMP} ath1 Registered node:{E}")
+    raw("\n")
     assert [r[0] for r in new_records(sandbox)] == [A, C, E]
     rows = {r[1]: r for r in client_list(sandbox)}
-    assert rows[E][0] == "ath1" and rows[C][6] == 1
-    # A piece without newline at the end of a write is dropped, even when
-    # its newline follows in the next write.
-    raw(f"{STAMP} ath0 Registered node:{B}")
-    raw("\n")
-    assert B not in macs(sandbox)
+    assert rows[E][0] == "ath1" and rows[C][6] == 1 and B not in rows
 
     # Rows that lack what they need do nothing: no neighbour file for the
     # radio, no radio at all, an ACL discard or stuck beacon without its keys,

@@ -1,11 +1,11 @@
-"""Nothing a user relies on is lost: a full /etc for a while, the client
-files' modes."""
+"""Nothing a user relies on is lost: lines written in pieces or cut by a
+read, a full /etc for a while, the client files' modes."""
 import errno
 import os
 
 import pytest
 
-from helpers_clients import iwevent, macs, send
+from helpers_clients import STAMP, STATION, iwevent, macs, new_records, send
 
 CLIENT_PIPE = "/etc/client_table_pipe"
 CLIENT_FILES = ("/etc/clientip", "/etc/clientip_assoc", "/etc/client_accu_stat")
@@ -14,6 +14,28 @@ LEFT = "00:11:22:33:44:55"
 
 def client(i):
     return f"02:00:00:00:00:{i:02x} 10.0.0.{i + 1} ath0"
+
+
+@pytest.mark.parametrize("pipe, line", [
+    ("/etc/client_table_pipe", f"{STATION} 10.0.0.5 ath0"),
+    ("/etc/iwevent_pipe", f"{STAMP} ath0     Registered node:{STATION}"),
+    ("/etc/event_pipe", f"bus ath0 Halcyon.Netfilter.ARP {STATION} [10.0.0.5]")])
+def test_a_line_written_in_two_writes_arrives_whole(sandbox, pipe, line):
+    sandbox.start()
+    cut = line.index(STATION) + 8
+    for piece in (line[:cut], line[cut:] + "\n"):
+        sandbox.write_fifo(pipe, piece)
+        sandbox.wait_idle()  # the daemon has read the first piece alone
+    assert [r[0] for r in new_records(sandbox)] == [STATION]
+
+
+def test_256_client_lines_in_4_kib_writes_all_arrive(sandbox):
+    sandbox.start()
+    data = "".join(f"02:00:00:00:01:{i:02x} 10.1.{i}.1 ath0\n" for i in range(256)).encode()
+    for at in range(0, len(data), 4096):
+        sandbox.write_fifo(CLIENT_PIPE, data[at:at + 4096])
+    sandbox.wait_idle(timeout=60)
+    assert macs(sandbox) == [f"02:00:00:00:01:{i:02x}" for i in range(256)]
 
 
 def fill(sandbox, path):

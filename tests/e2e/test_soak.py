@@ -61,7 +61,7 @@ def batch(sb, rng, k):
         (3, f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {station()}"),
         (10, "[REFRESH_CLIENT_FILE]"),
         (40, f"[L2TP_IF_UPDATE] bcp52 {pick(['up', 'down'])}"),
-        (45, "x" * 1500 + " Registered node:" + station()),  # cut by the read
+        (45, "x" * 1500 + " Registered node:" + station()),  # too long: dropped whole
         (50, f"[REMOVE_VAP] {n(0, 1)}")) if k % every == 0]
     table = [f"{station()} 10.2.{n(0, 255)}.{n(1, 254)} {ath()}"]
     if k % 100 == 50:
