@@ -175,7 +175,6 @@ std::size_t append_record_report(std::string& command, const ClientRecord& recor
     event = kEventDisassociation;
   else
     return 0;
-  if (bssid.empty()) return 0;
   std::string message =
       common::format("%s %s [%s]", strip_colons(record.mac, kNotifierFieldSize).c_str(),
                      strip_colons(bssid, kNotifierFieldSize).c_str(),
@@ -185,7 +184,6 @@ std::size_t append_record_report(std::string& command, const ClientRecord& recor
 
 std::size_t append_limit_report(std::string& command, const ClientRecord& record,
                                 std::string_view ssid, std::string_view bssid, std::string& trace) {
-  if (bssid.empty()) return 0;
   std::string message = common::format("%d %s [%s]", static_cast<int>(record.pending_flag),
                                        strip_colons(bssid, kNotifierFieldSize).c_str(),
                                        hex_escape(ssid, kNotifierFieldSize, trace).c_str());
@@ -229,7 +227,6 @@ void notify_client(ClientRecord& record, const NotifierSources& sources) {
   if (record.pending_flag != 0) {
     std::string ssid = sources.ssid(record);
     std::string bssid = sources.bssid(record);
-    if (bssid.empty()) return;
     std::string trace;
     std::size_t length = append_limit_report(command, record, ssid, bssid, trace);
     print_trace(trace);

@@ -37,7 +37,8 @@ void notify_client(ClientRecord& record);
 struct NotifierSources {
   // The SSID of the record's VAP ("" when not configured).
   std::function<std::string(const ClientRecord&)> ssid;
-  // The upper-case BSSID of the record's VAP; "" when it cannot be had.
+  // The upper-case BSSID of the record's VAP; "" when its address cannot
+  // be read (a VAP torn down), which is still reported, with an empty field.
   std::function<std::string(const ClientRecord&)> bssid;
   // Stations associated on a VAP (find_cli_num).
   std::function<int(int ifindex)> station_count;
@@ -73,8 +74,7 @@ std::size_t append_notifier_call(std::string& command, int event, std::string_vi
 
 // Appends the record's own report: event 21 for pending code 11, 22 for 12,
 // with "<mac> <bssid> [<hex ssid>]" (colons stripped). The new length, or 0
-// (command unchanged) when the code is neither, the BSSID is empty or the
-// call does not fit. trace receives the hex escaping's trace.
+// (command unchanged) when the code is neither or the call does not fit. trace receives the hex escaping's trace.
 std::size_t append_record_report(std::string& command, const ClientRecord& record,
                                  std::string_view ssid, std::string_view bssid, std::string& trace);
 

@@ -52,11 +52,15 @@ void change_rates(daemon_core::DaemonContext& ctx, ClientRecord& rec, int ath,
   const config::taglist* conf = ctx.masterconf.get();
   auto rates = scan_rates(extra);
   if (!rates) return;
+  BandwidthBlock& bw = rec.bandwidth;
+  // A reload clears the shaping numbers (and a record made by a client line
+  // never had them): load them as an association does, so the commands
+  // below name the station's real classes, marks and device.
+  if (bw.tc_major == 0) bandwidth::load_bandwidth(ctx, bw, ath);
   auto [up, down] = *rates;
   // -1 stands for the rate configured for the interface.
   if (up == -1) up = bandwidth::configured_rate(conf, ath, 0);
   if (down == -1) down = bandwidth::configured_rate(conf, ath, 1);
-  BandwidthBlock& bw = rec.bandwidth;
   const bool up_changes = up >= 0 && up != bw.up_rate;
   const bool down_changes = down >= 0 && down != bw.down_rate;
   if (!up_changes && !down_changes) return;

@@ -39,7 +39,7 @@ void read_interface_from_file(InterfaceTable& table) {
 
 int interface_index_in(const InterfaceTable& table, std::string_view name) {
   for (std::size_t i = 0; i < kInterfaceSlots; ++i)
-    if (!table[i].empty() && table[i] == name) return static_cast<int>(i);
+    if (table[i] == name) return static_cast<int>(i);  // "" finds the first empty entry
   std::string copy(name);
   int number = 0;
   if (std::sscanf(copy.c_str(), "ath%d", &number) == 1) return number;

@@ -27,7 +27,8 @@ std::string interface_name_in(const InterfaceTable& table, int index);
 // each up to its first CR or LF). A missing file leaves the table empty.
 void read_interface_from_file(InterfaceTable& table);
 
-// The line number of an exactly equal listed name; else the number in
+// The number of the first entry equal to the name (so "" finds the first
+// entry past the file's last line, or an empty line); else the number in
 // "ath%d"; else 0.
 int get_interface_idx_by_name(std::string_view name);
 

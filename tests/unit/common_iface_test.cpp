@@ -10,6 +10,8 @@ TEST(InterfaceTable, ListedNamesOverridePlainOnes) {
   EXPECT_EQ(common::interface_index_in(table, "ath4"), 2);
   EXPECT_EQ(common::interface_index_in(table, "ath7"), 7) << "unlisted: the number in the name";
   EXPECT_EQ(common::interface_index_in(table, "eth0"), 0);
+  EXPECT_EQ(common::interface_index_in(table, ""), 3) << "the first empty entry";
+  EXPECT_EQ(common::interface_index_in(common::parse_interface_table(""), ""), 0);
   EXPECT_EQ(common::interface_name_in(table, 20), "ath20");
   EXPECT_EQ(common::interface_name_in(table, 3), "ath3") << "past the last line";
 }
