@@ -74,7 +74,8 @@ std::size_t append_notifier_call(std::string& command, int event, std::string_vi
 
 // Appends the record's own report: event 21 for pending code 11, 22 for 12,
 // with "<mac> <bssid> [<hex ssid>]" (colons stripped). The new length, or 0
-// (command unchanged) when the code is neither or the call does not fit. trace receives the hex escaping's trace.
+// (command unchanged) when the code is neither or the call does not fit.
+// trace receives the hex escaping's trace.
 std::size_t append_record_report(std::string& command, const ClientRecord& record,
                                  std::string_view ssid, std::string_view bssid, std::string& trace);
 
