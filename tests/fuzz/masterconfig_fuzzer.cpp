@@ -3,7 +3,8 @@
 // VLAN pools, MAC authentication), then a fixed day of events through the
 // interpreter: stations associate on every VAP, learn addresses, change
 // rates and VLANs, ask for MAC authentication (the RADIUS worker gets an
-// Access-Accept with a VLAN), fill the client limit, leave. Every command
+// Access-Accept with a VLAN, or what follows a line "--" in the input),
+// fill the client limit, leave. Every command
 // is checked; every configuration value must stay inside one word.
 #include <mutex>
 #include <thread>
@@ -94,10 +95,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size > 16384) return 0;
-  fuzz::write_file(config::kMasterConfigPath,
-                   std::string_view(reinterpret_cast<const char*>(data), size));
+  std::string_view text(reinterpret_cast<const char*>(data), size);
   fuzz::CheckingRecorder recorder;
   recorder.reply = kAccept;
+  // A line "--" ends the configuration: what follows is radclient's output.
+  if (const std::size_t cut = text.find("\n--\n"); cut != std::string_view::npos) {
+    recorder.reply = std::string(text.substr(cut + 4));
+    text = text.substr(0, cut + 1);
+  }
+  fuzz::write_file(config::kMasterConfigPath, text);
 
   auto& slot = g_ring[g_next++ % std::size(g_ring)];
   slot = std::make_unique<daemon_core::DaemonContext>();
@@ -105,6 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   clients::init_records(ctx);
   ctx.masterconf = config::load_taglist_ex(config::kMasterConfigPath, 1, nullptr);
   recorder.values = config_values(ctx.masterconf.get());
+  recorder.values.push_back(recorder.reply);
   snmp::load_trap_settings(ctx);
   ctx.known_ap_count = daemon_core::fill_known_ap_list(
       ctx.known_ap, config::get_taglist_default_ex(ctx.masterconf.get(), "", "KNOWN_AP_LIST"));
