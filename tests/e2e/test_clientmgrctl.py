@@ -1,0 +1,228 @@
+"""clientmgrctl against the real daemon: its steering commands act as the
+control lines they stand for, list and watch follow the client files, and
+bad arguments or a pipe without a reader leave the pipes untouched."""
+import errno
+import json
+import os
+import re
+import select
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+import sandbox as sandbox_lib
+from helpers_clients import STATION, iwevent, parse_client_list, send, two_vaps
+
+CTL = Path(os.environ.get("CLIENTMGR_BUILD", sandbox_lib.REPO / "build")) / "clientmgrctl"
+OTHER = "00:11:22:33:44:66"
+ROW = re.compile(r"(\S+) +(\S+) +(\S+) +(yes|no) +(\S+) +(\S+) +(\S+) +(\S+) +(\S+)")
+
+
+def ctl_argv(sandbox, *args):
+    """argv that runs clientmgrctl inside the sandbox, on the daemon's clocks."""
+    path = sandbox.root / "host" / "clientmgrctl"
+    if not path.exists():
+        shutil.copy2(CTL, path)
+    return ["env", f"LD_PRELOAD={sandbox.shim_path}", f"CLIENTMGR_SANDBOX={sandbox.root}", str(path), *args]
+
+
+def ctl(sandbox, *args):
+    result = sandbox.run_in_ns(ctl_argv(sandbox, *args), check=False)
+    if sandbox.pid:
+        sandbox.wait_idle()
+    return result
+
+
+def masked(texts):
+    """Commands with the notifier's times masked."""
+    return [re.sub(r"\d{9,}", "T", t) for t in texts]
+
+
+def test_steering_commands_act_as_their_control_lines(sandbox):
+    config = {"AP_MODE": "bridge", "WLAN1_VLANID": "10", "WLAN1_BANDWIDTH_CONTROL": "enable",
+              "WLAN1_CLIENT_BANDWIDTH_UPSTREAM": "512", "WLAN1_CLIENT_BANDWIDTH_DOWNSTREAM": "1024",
+              "WLAN1_L2TP_PROFILE": "2"}
+    steps = [  # (clientmgrctl arguments, the line, its pipe)
+        (["rate", "ath0", STATION.upper(), "256", "2048"], f"[BANDWIDTH_RATE_UPDATE] ath0 {STATION} bw 256 2048", "/etc/event_pipe"),
+        (["vlan", "ath0", STATION, "30"], f"[STA_VLAN] ath0 {STATION} vlan 30", "/etc/event_pipe"),
+        (["client", STATION, "10.0.0.5", "ath0"], f"{STATION} 10.0.0.5 ath0", "/etc/client_table_pipe"),
+        (["arp", STATION, "10.0.0.6", "ath0"], f"12:00:01 ath0 Halcyon.Netfilter.ARP {STATION} [10.0.0.6]", "/etc/event_pipe"),
+        (["l2tp", "bcp52", "down"], "[L2TP_IF_UPDATE] bcp52 down", "/etc/event_pipe"),
+        (["l2tp", "bcp52", "up"], "[L2TP_IF_UPDATE] bcp52 up", "/etc/event_pipe"),
+        (["refresh"], "[REFRESH_CLIENT_FILE]", "/etc/event_pipe"),
+        (["remove-vap", "0"], "[REMOVE_VAP] 0", "/etc/event_pipe"),
+    ]
+    runs = []
+    for by_tool in (False, True):
+        sb = sandbox if by_tool else sandbox_lib.Sandbox()
+        try:
+            two_vaps(sb, config=config)
+            sb.write("/etc/masterconfig.applied", "")
+            sb.set_uptime(5000)
+            sb.start()
+            iwevent(sb, "ath0", "Registered")
+            seen, out, run = len(sb.calls()), len(sb.stdout()), []
+            for args, line, pipe in steps:
+                if by_tool:
+                    result = ctl(sb, *args)
+                    assert (result.returncode, result.stderr) == (0, ""), args
+                else:
+                    send(sb, line, pipe=pipe)
+                calls = sb.commands()
+                run.append((masked(calls[seen:]), sb.stdout()[out:], sb.read("/etc/clientip").split()[:2]))
+                seen, out = len(calls), len(sb.stdout())
+            runs.append(run)
+        finally:
+            if not by_tool:
+                sb.close()
+    for (args, _, _), raw, tool in zip(steps, *runs):
+        assert tool == raw, args
+    changed = [args[0] for (args, _, _), (calls, _, _) in zip(steps, runs[0]) if calls]
+    assert changed == ["rate", "vlan", "client", "arp", "l2tp", "l2tp", "remove-vap"]
+    assert runs[0][-1][1] == f"clear: 0 {STATION}\n"
+
+
+def table_rows(text):
+    lines = text.splitlines()
+    assert lines[0].split() == ["VAP", "MAC", "IP", "ON", "JOINED", "LEFT", "JOIN/LEFT", "TX", "RX"]
+    assert all(len(line) <= 80 for line in lines)
+    return [ROW.fullmatch(line).groups() for line in lines[1:]]
+
+
+def check_list_agrees(sandbox):
+    """list and list --json against the three files, as read after the run."""
+    read = lambda path: sandbox.read(path) if sandbox.exists(path) else ""  # none before the first write
+    listed = parse_client_list(read("/etc/clientip"))
+    assoc = {r[:2] for r in parse_client_list(read("/etc/clientip_assoc"))}
+    stats = {tuple(l.split()[0].split(":", 1)): list(map(int, l.split()[1:5]))
+             for l in read("/etc/client_accu_stat").splitlines()}
+    doc = json.loads(ctl(sandbox, "list", "--json").stdout)
+    assert abs(doc["uptime"] - sandbox.uptime()) <= 2
+    want = [{"vap": vap, "mac": mac, "ip": ip, "associated": (vap, mac) in assoc, "assoc_uptime": up,
+             "assoc_age": doc["uptime"] - up if up else None, "disassoc_uptime": down,
+             "disassoc_age": doc["uptime"] - down if down else None, "first_assoc_uptime": first,
+             "assoc_count": ac, "disassoc_count": dc,
+             **dict(zip(("tx_bytes", "rx_bytes", "tx_packets", "rx_packets"), stats[vap, mac]))}
+            for vap, mac, ip, up, down, ac, dc, first in listed]
+    assert doc["stations"] == want
+    rows = table_rows(ctl(sandbox, "list").stdout)
+    assert [r[:4] + (r[6],) for r in rows] == [(s["vap"], s["mac"], s["ip"], "yes" if s["associated"] else "no",
+                                                f"{s['assoc_count']}/{s['disassoc_count']}") for s in want]
+    assert [r[4] == "-" for r in rows] == [s["assoc_age"] is None for s in want]
+    assert [r[5] == "-" for r in rows] == [s["disassoc_age"] is None for s in want]
+    assert json.loads(ctl(sandbox, "list", "--json", "--associated").stdout)["stations"] == [
+        s for s in want if s["associated"]]
+    assert [r[1] for r in table_rows(ctl(sandbox, "list", "--vap", "ath1").stdout)] == [
+        s["mac"] for s in want if s["vap"] == "ath1"]
+    return want
+
+
+def test_list_follows_the_client_files(sandbox):
+    two_vaps(sandbox)
+    sandbox.set_uptime(5000)
+    sandbox.start()
+    assert check_list_agrees(sandbox) == []
+    iwevent(sandbox, "ath0", "Registered")                               # association
+    iwevent(sandbox, "ath0", "Registered", OTHER)
+    assert [s["associated"] for s in check_list_agrees(sandbox)] == [True, True]
+    assert ctl(sandbox, "client", STATION, "10.0.0.5", "ath0").returncode == 0  # address
+    assert check_list_agrees(sandbox)[0]["ip"] == "10.0.0.5"
+    sandbox.advance_time(2)
+    iwevent(sandbox, "ath1", "Registered")                               # roaming
+    assert [(s["vap"], s["associated"]) for s in check_list_agrees(sandbox)] == [
+        ("ath0", False), ("ath0", True), ("ath1", True)]
+    sandbox.advance_time(100)
+    iwevent(sandbox, "ath1", "Expired")                                  # departure, then its report
+    send(sandbox, f"12:00:02 ath1 Halcyon.Stats.NodeLeave {STATION} [RX:100bytes,2pkts TX:5000000000bytes,4pkts]")
+    gone = check_list_agrees(sandbox)[2]
+    assert (gone["associated"], gone["disassoc_count"], gone["tx_bytes"]) == (False, 1, 5000000000)
+    assert "4.6G" in ctl(sandbox, "list", "--vap", "ath1").stdout
+    sandbox.set_uptime(gone["disassoc_uptime"] + 1900)                  # expiry
+    assert ctl(sandbox, "refresh").returncode == 0
+    assert [s["mac"] for s in check_list_agrees(sandbox)] == [STATION, OTHER]  # ath0's record never left
+
+
+class Lines:
+    """Lines of a child's output as they come (unbuffered, so select() tells the truth)."""
+
+    def __init__(self, stream):
+        self.fd, self.buffer = stream.fileno(), b""
+
+    def next(self, timeout):
+        while b"\n" not in self.buffer:
+            if not select.select([self.fd], [], [], timeout)[0]:
+                return None
+            chunk = os.read(self.fd, 4096)
+            if not chunk:
+                return None
+            self.buffer += chunk
+        line, _, self.buffer = self.buffer.partition(b"\n")
+        return line.decode()
+
+
+def test_watch_prints_join_roam_and_leave_in_order(sandbox):
+    two_vaps(sandbox)
+    sandbox.start()
+    watch = sandbox.spawn_in_ns(ctl_argv(sandbox, "watch"), stdout=subprocess.PIPE)
+    lines = Lines(watch.stdout)
+    # Addresses for another station until the watcher reports one: it is ready.
+    for n in range(1, 50):
+        send(sandbox, f"{OTHER} 10.0.9.{n} ath0", pipe="/etc/client_table_pipe")
+        if lines.next(0.1):
+            break
+    while (line := lines.next(0.3)) is not None:
+        assert line.startswith(f"address ath0 {OTHER} 10.0.9.")
+    iwevent(sandbox, "ath0", "Registered")
+    sandbox.advance_time(2)
+    iwevent(sandbox, "ath1", "Registered")
+    sandbox.advance_time(2)
+    iwevent(sandbox, "ath1", "Expired")
+    got = [lines.next(5) for _ in range(3)]
+    assert got == [f"joined ath0 {STATION}", f"roamed ath1 {STATION} from ath0", f"left ath1 {STATION}"]
+    watch.kill()
+
+
+def test_bad_arguments_write_nothing_and_a_pipe_without_reader_fails_fast(sandbox):
+    for pipe in ("/etc/event_pipe", "/etc/client_table_pipe"):
+        sandbox.run_in_ns(["mkfifo", pipe])
+    readers = {p: os.open(sandbox.host_path(p), os.O_RDONLY | os.O_NONBLOCK)
+               for p in ("/etc/event_pipe", "/etc/client_table_pipe")}
+
+    def pending():
+        out = {}
+        for path, fd in readers.items():
+            try:
+                out[path] = os.read(fd, 4096).decode()
+            except BlockingIOError:  # a writer has it open
+                pass
+        return {path: text for path, text in out.items() if text}
+
+    bad = [  # (arguments, the argument the message names)
+        (["rate", "ath0", STATION, "1"], "usage"), (["rate", "eth0", STATION, "1", "2"], "VAP"),
+        (["rate", "ath0", "00:11:22:33:44", "1", "2"], "MAC"), (["rate", "ath0", STATION, "-2", "2"], "UP"),
+        (["rate", "ath0", STATION, "1", "2 3"], "DOWN"), (["rate", "ath0", STATION, "1", "99999999"], "DOWN"),
+        (["vlan", "ath0", STATION, "4095"], "VLAN"), (["vlan", "ath0", f"{STATION}\n", "5"], "MAC"),
+        (["remove-vap", ""], "N"), (["remove-vap", "1\n[REFRESH_CLIENT_FILE]"], "N"),
+        (["l2tp", "bcp 52", "up"], "IFNAME"), (["l2tp", "--x", "up"], "IFNAME"), (["l2tp", "bcp52", "sideways"], "state"),
+        (["arp", STATION, "10.0.0.300", "ath0"], "IP"), (["client", STATION, "10.0.0.5", "ath0 x"], "VAP"),
+        (["refresh", "now"], "usage"), (["reboot"], "unknown command"), (["list", "--vap", "br0"], "VAP"),
+    ]
+    for args, named in bad:
+        result = ctl(sandbox, *args)
+        assert result.returncode == 2 and named in result.stderr, (args, result.stderr)
+    assert pending() == {}
+    assert ctl(sandbox, "client", "AA:BB:CC:DD:EE:0F", "10.0.0.5", "ath7").returncode == 0
+    assert ctl(sandbox, "remove-vap", "3").returncode == 0
+    assert pending() == {"/etc/client_table_pipe": "aa:bb:cc:dd:ee:0f 10.0.0.5 ath7\n",
+                         "/etc/event_pipe": "[REMOVE_VAP] 3\n"}
+
+    for fd in readers.values():
+        os.close(fd)
+    started = time.monotonic()
+    result = ctl(sandbox, "refresh")
+    assert (result.returncode, time.monotonic() - started < 5) == (1, True)
+    assert "no daemon is reading /etc/event_pipe" in result.stderr
+    sandbox.run_in_ns(["sh", "-c", "rm /etc/event_pipe && echo keep > /etc/event_pipe"])
+    result = ctl(sandbox, "refresh")
+    assert result.returncode == 1 and "not a FIFO" in result.stderr and sandbox.read("/etc/event_pipe") == "keep\n"
