@@ -173,24 +173,31 @@ std::optional<std::int64_t> mtime_of(const FileReading& reading) {
   return reading.mtime;
 }
 
-// The three files as one consistent reading: every file read whole, all
-// three current at one moment, and no rewrite of the daemon half done. A
-// reading that does not settle within about a second is an error.
+// The three files as one consistent reading: every file read whole and all
+// three in place at one moment (else read again, for up to about a second),
+// and, when the daemon's rewrite order allows telling, no rewrite half done
+// (else read again for up to about 50 ms: a daemon that left a file as it
+// was still gives a reading).
 std::optional<std::vector<Station>> read_stations(std::string& error) {
   constexpr std::array<std::string_view, 3> kPaths{kClientListPath, kClientAssocListPath, kClientStatsPath};
   constexpr int kAttempts = 500;
+  constexpr int kOrderAttempts = 25;
   std::array<FileReading, 3> files;
+  int unordered = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (attempt > 0) {
       const struct timespec pause {0, 2000000};
       ::nanosleep(&pause, nullptr);
     }
-    bool settled = true;
     for (std::size_t i = 0; i < files.size(); ++i)
       if (!read_file(kPaths[i], files[i], error)) return std::nullopt;
-    for (std::size_t i = 0; i < files.size(); ++i) settled = settled && still_current(kPaths[i], files[i]);
-    settled = settled && rewrite_finished(mtime_of(files[0]), mtime_of(files[1]), mtime_of(files[2]));
-    if (settled) return join_clients(files[0].text, files[1].text, files[2].text);
+    bool current = true;
+    for (std::size_t i = 0; i < files.size(); ++i) current = current && still_current(kPaths[i], files[i]);
+    if (!current) continue;
+    if (!rewrite_finished(mtime_of(files[0]), mtime_of(files[1]), mtime_of(files[2])) &&
+        ++unordered < kOrderAttempts)
+      continue;
+    return join_clients(files[0].text, files[1].text, files[2].text);
   }
   error = "the client files keep changing; try again";
   return std::nullopt;

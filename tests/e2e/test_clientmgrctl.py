@@ -8,11 +8,12 @@ import re
 import select
 import shutil
 import subprocess
+import threading
 import time
 from pathlib import Path
 
 import sandbox as sandbox_lib
-from helpers_clients import STATION, iwevent, parse_client_list, send, two_vaps
+from helpers_clients import STATION, driver, iwevent, parse_client_list, send, two_vaps
 
 CTL = Path(os.environ.get("CLIENTMGR_BUILD", sandbox_lib.REPO / "build")) / "clientmgrctl"
 OTHER = "00:11:22:33:44:66"
@@ -35,8 +36,8 @@ def ctl(sandbox, *args):
 
 
 def masked(texts):
-    """Commands with the notifier's times masked."""
-    return [re.sub(r"\d{9,}", "T", t) for t in texts]
+    """Commands with the notifier's times masked, sorted (some run in the background)."""
+    return sorted(re.sub(r"\d{9,}", "T", t) for t in texts)
 
 
 def test_steering_commands_act_as_their_control_lines(sandbox):
@@ -111,8 +112,8 @@ def check_list_agrees(sandbox):
                                                 f"{s['assoc_count']}/{s['disassoc_count']}") for s in want]
     assert [r[4] == "-" for r in rows] == [s["assoc_age"] is None for s in want]
     assert [r[5] == "-" for r in rows] == [s["disassoc_age"] is None for s in want]
-    assert json.loads(ctl(sandbox, "list", "--json", "--associated").stdout)["stations"] == [
-        s for s in want if s["associated"]]
+    assert [(s["vap"], s["mac"]) for s in json.loads(ctl(sandbox, "list", "--json", "--associated").stdout)[
+        "stations"]] == [(s["vap"], s["mac"]) for s in want if s["associated"]]
     assert [r[1] for r in table_rows(ctl(sandbox, "list", "--vap", "ath1").stdout)] == [
         s["mac"] for s in want if s["vap"] == "ath1"]
     return want
@@ -226,3 +227,34 @@ def test_bad_arguments_write_nothing_and_a_pipe_without_reader_fails_fast(sandbo
     sandbox.run_in_ns(["sh", "-c", "rm /etc/event_pipe && echo keep > /etc/event_pipe"])
     result = ctl(sandbox, "refresh")
     assert result.returncode == 1 and "not a FIFO" in result.stderr and sandbox.read("/etc/event_pipe") == "keep\n"
+
+
+def test_list_never_shows_a_rewrite_half_done(sandbox):
+    """Readings taken while stations keep joining: each is whole JSON, every
+    station listed is associated and has its counters (the daemon writes
+    the three files one after the other), and the table only grows."""
+    two_vaps(sandbox)
+    sandbox.start()
+    counts, problems, done = [], [], threading.Event()
+
+    def reader():
+        while not done.is_set():
+            out = sandbox.run_in_ns(ctl_argv(sandbox, "list", "--json"), check=False).stdout
+            try:
+                stations = json.loads(out)["stations"]
+            except ValueError:
+                problems.append(out)
+                continue
+            if not all(s["associated"] and s["tx_bytes"] == 0 for s in stations):
+                problems.append(out)
+            counts.append(len(stations))
+
+    thread = threading.Thread(target=reader)
+    thread.start()
+    try:
+        for first in range(0, 48, 4):
+            driver(sandbox, *(f"ath0     Registered node:02:00:00:00:00:{n:02x}" for n in range(first, first + 4)))
+    finally:
+        done.set()
+        thread.join()
+    assert problems == [] and len(counts) > 3 and counts == sorted(counts)
