@@ -1,9 +1,12 @@
 #include "common/files.h"
 
 #include <fcntl.h>
+#include <stdio.h>  // renameat2, RENAME_NOREPLACE
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -59,6 +62,86 @@ int replace_file_atomically(const std::string& destination, std::string_view con
   if (ok && ::rename(name.data(), destination.c_str()) == 0) return 0;
   ::unlink(name.data());
   return -1;
+}
+
+}  // namespace common
+
+// --- Fixed names under /tmp.
+namespace common {
+
+namespace {
+
+const char* kind_of(mode_t mode) {
+  if (S_ISLNK(mode)) return "a symbolic link";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISDIR(mode)) return "a directory";
+  if (S_ISSOCK(mode)) return "a socket";
+  if (S_ISREG(mode)) return "a file";
+  return "a device";
+}
+
+// Removes what lstat described at path (a directory: renamed to a free name
+// beside it, never replacing anything) and says so on standard output.
+bool move_aside(const std::string& path, const struct stat& st) {
+  const char* kind = kind_of(st.st_mode);
+  const auto uid = static_cast<unsigned>(st.st_uid);
+  if (!S_ISDIR(st.st_mode)) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return false;
+    std::printf("%s held %s of uid %u: removed\n", path.c_str(), kind, uid);
+    return true;
+  }
+  static std::atomic<unsigned> serial{0};
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    std::string aside = path + ".planted." + std::to_string(::getpid()) + "." +
+                        std::to_string(serial.fetch_add(1) + 1);
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) {
+      std::printf("%s held %s of uid %u: moved to %s\n", path.c_str(), kind, uid, aside.c_str());
+      return true;
+    }
+    if (errno == ENOENT) return true;  // someone else moved it first
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
+
+bool is_own_private_dir(const struct stat& st) {
+  return S_ISDIR(st.st_mode) && st.st_uid == ::geteuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+}  // namespace
+
+int open_regular_nonblocking(const std::string& path, int flags) {
+  int fd = ::open(path.c_str(), flags | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool clear_fixed_name(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT;
+  if (S_ISREG(st.st_mode) && st.st_uid == ::geteuid()) return true;
+  return move_aside(path, st);
+}
+
+bool claim_private_dir(const std::string& path) {
+  // Threads may claim at once: whoever loses a race looks again.
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0) {
+      if (is_own_private_dir(st)) return true;
+      if (!move_aside(path, st)) return false;
+    } else if (errno != ENOENT) {
+      return false;
+    }
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  }
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 && is_own_private_dir(st);
 }
 
 }  // namespace common

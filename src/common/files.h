@@ -39,3 +39,29 @@ int open_nofollow_for_write(const std::string& path, int flags);
 int replace_file_atomically(const std::string& destination, std::string_view content);
 
 }  // namespace common
+
+// --- Fixed names under /tmp: anyone may have put something there first.
+namespace common {
+
+// Opens the path with O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC added to flags
+// (O_RDONLY, or O_WRONLY with O_CREAT, O_APPEND, O_EXCL ...; created with
+// mode 0644) and keeps the descriptor only when fstat says it is a regular
+// file. -1 for a symbolic link, a FIFO, a directory or anything else there:
+// nothing blocks and nothing is read or written through a link.
+int open_regular_nonblocking(const std::string& path, int flags);
+
+// Makes a fixed name free for the daemon's own file. A symbolic link, FIFO,
+// socket, device or a regular file of another user found there is removed,
+// a directory is renamed aside ("<path>.planted.<pid>.<n>"); one line on
+// standard output says what was found and where it went. A regular file of
+// our own (the effective user's) is left alone. true when the name is free
+// or holds such a file afterwards.
+bool clear_fixed_name(const std::string& path);
+
+// Makes the path a directory of our own (owner the effective user, not
+// writable by group or others) and true; whatever else is there is moved
+// aside or removed as by clear_fixed_name (with its line), then the
+// directory is made with mode 0700. false when that fails.
+bool claim_private_dir(const std::string& path);
+
+}  // namespace common

@@ -62,10 +62,12 @@ void send_authresp(int ath, std::string_view mac, int code) {
 }
 
 bool write_request_file(const std::string& path, std::string_view text) {
-  // A file someone else left under this name is replaced, never written
-  // into: the request is created afresh and exclusively.
+  // The name sits under /tmp: what someone else planted there (a link, a
+  // FIFO, a directory) is moved out of the way, a file left behind is
+  // removed, and the request is created afresh and exclusively.
+  common::clear_fixed_name(path);
   ::unlink(path.c_str());
-  int fd = common::open_nofollow_for_write(path, O_EXCL);
+  int fd = common::open_regular_nonblocking(path, O_WRONLY | O_CREAT | O_EXCL);
   if (fd < 0) return false;
   const bool ok = common::write_all(fd, text);
   ::close(fd);
@@ -73,7 +75,7 @@ bool write_request_file(const std::string& path, std::string_view text) {
 }
 
 // NAS-IP-Address: "ipaddr" of "/etc/net/wan.status"; an empty value counts
-// as none.
+// as none (the request builder leaves out anything but a dotted address).
 std::optional<std::string> wan_ipaddr() {
   config::TaglistPtr status = config::load_taglist_ex(config::kWanStatusPath, 1, nullptr);
   std::string ip(config::get_taglist_default(status.get(), "ipaddr", ""));

@@ -1,5 +1,7 @@
 #include "macauth/radius.h"
 
+#include <arpa/inet.h>
+
 #include <cstdlib>
 
 #include "common/mac.h"
@@ -102,21 +104,54 @@ std::string dashed_bssid(std::string_view bssid) {
   return out;
 }
 
+std::string radius_string(std::string_view value) {
+  value = value.substr(0, value.find('\0'));
+  std::string out = "\"";
+  for (char c : value) {
+    const auto byte = static_cast<unsigned char>(c);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (byte < 0x20 || byte == 0x7f) {
+          const char octal[] = {'\\', static_cast<char>('0' + (byte >> 6)),
+                                static_cast<char>('0' + ((byte >> 3) & 7)),
+                                static_cast<char>('0' + (byte & 7))};
+          out.append(octal, sizeof octal);
+        } else {
+          out.push_back(c);
+        }
+    }
+  }
+  out.push_back('"');
+  return out;
+}
+
+bool is_dotted_ipv4(std::string_view text) {
+  if (text.empty() || text.size() > 15) return false;
+  in_addr address{};
+  return ::inet_pton(AF_INET, std::string(text).c_str(), &address) == 1;
+}
+
 std::string build_radius_request(const RadiusRequest& request) {
-  std::string nas_ip = request.nas_ip.value_or("(null)");
-  return common::format_cut(kRequestMax,
-                            "User-Name = \"%s\"\n"
-                            "User-Password = \"%s\"\n"
-                            "NAS-IP-Address = %s\n"
-                            "NAS-Identifier = \"%s\"\n"
-                            "Called-Station-Id = \"%s:%s\"\n"
-                            "Calling-Station-Id =\"%s\"\n"
-                            "NAS-Port-Type = Wireless-802.11\n"
-                            "Connect-Info = \"CONNECT 11Mbps 802.11b\"\n"
-                            "Message-Authenticator = 0x00\n",
-                            request.user.c_str(), request.user.c_str(), nas_ip.c_str(),
-                            request.nas_identifier.c_str(), request.bssid.c_str(),
-                            request.ssid.c_str(), request.calling_station.c_str());
+  const std::string user = radius_string(request.user);
+  std::string text = "User-Name = " + user + "\nUser-Password = " + user + "\n";
+  if (request.nas_ip && is_dotted_ipv4(*request.nas_ip))
+    text += "NAS-IP-Address = " + *request.nas_ip + "\n";
+  text += "NAS-Identifier = " + radius_string(request.nas_identifier) + "\n";
+  text += "Called-Station-Id = " + radius_string(request.bssid + ":" + request.ssid) + "\n";
+  text += "Calling-Station-Id =" + radius_string(request.calling_station) + "\n";
+  text +=
+      "NAS-Port-Type = Wireless-802.11\n"
+      "Connect-Info = \"CONNECT 11Mbps 802.11b\"\n"
+      "Message-Authenticator = 0x00\n";
+  // A cut would end a quoted value early: a request that does not fit is
+  // not sent at all.
+  if (text.size() > kRequestMax) return std::string();
+  return text;
 }
 
 std::string request_file_path(std::string_view hex_mac, int ath) {

@@ -42,10 +42,22 @@ struct RadiusRequest {
   std::string calling_station;         // dashed MAC
 };
 
-// The nine attribute lines in radclient's input syntax, cut to 1023
-// characters. A missing NAS address is written "(null)", as the C library
-// prints a null text. Note "Calling-Station-Id =\"...\"" has no blank
-// behind '=': radclient reads it either way.
+// A value in radclient's attribute syntax: a double-quoted string, the text
+// up to its first NUL, with '"' and '\\' escaped by a backslash, line break,
+// carriage return and tab as \n, \r, \t and every other control character
+// as a three-digit octal escape, so that no value can end its quotes or
+// start another attribute line.
+std::string radius_string(std::string_view value);
+
+// Four decimal numbers 0..255 separated by dots ("192.168.1.2").
+bool is_dotted_ipv4(std::string_view text);
+
+// The attribute lines in radclient's input syntax, every text value written
+// with radius_string. NAS-IP-Address is written (unquoted) only when the
+// address is a dotted IPv4 address; otherwise the line is left out. Note
+// "Calling-Station-Id =\"...\"" has no blank behind '=': radclient reads it
+// either way. "" when the text would be longer than 1023 characters (the
+// request is then not sent rather than cut inside a value).
 std::string build_radius_request(const RadiusRequest& request);
 
 // "/tmp/radc-<hex-only MAC>-<ath>".

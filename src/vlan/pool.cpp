@@ -1,7 +1,5 @@
 #include "vlan/pool.h"
 
-#include <sys/stat.h>
-
 #include <array>
 #include <cctype>
 #include <limits>
@@ -9,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "common/files.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -30,9 +29,6 @@ constexpr std::size_t kCommandMax = 255;
 constexpr int kVlanLimit = 4096;
 constexpr int kMaxDigits = 4;
 constexpr int kVapsPerWlan = 2;
-// Made with the decimal 777 (octal 1411 before the umask) on purpose: the
-// store keeps the permissions it has always had on the device.
-constexpr mode_t kRuleStoreMode = 777;
 
 // A "%d" scan: leading blanks, an optional sign, digits; nullopt without
 // digits. Values beyond int are held at its limits.
@@ -166,7 +162,9 @@ std::string forward_drop_command(std::string_view verb, int ath, std::string_vie
 }
 
 int update_vlan_pool(daemon_core::DaemonContext& ctx) {
-  ::mkdir(kRuleStoreDir, kRuleStoreMode);
+  // The rule store must be our own directory (mode 0700): what someone else
+  // planted at its name under /tmp is moved out of the way.
+  common::claim_private_dir(kRuleStoreDir);
 
   std::shared_ptr<config::taglist> conf_owner;
   std::string bridge;

@@ -1,7 +1,6 @@
 #include "vlan/rules.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -26,22 +25,24 @@ constexpr std::size_t kBackgroundMax = 255;
 // station leave untagged.
 constexpr int kUntaggedSvlan = 4096;
 
-// The store directory sits under /tmp: it is used only when it is a real
-// directory of our own, never a symbolic link someone planted there.
-bool store_dir_is_ours() {
-  struct stat st {};
-  return ::lstat(kRuleStoreDir, &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == ::geteuid();
-}
+// The store directory sits under /tmp: it is used only as a directory of our
+// own, and whatever someone else planted at its name is moved out of the way
+// first (a link, a FIFO, a file, another user's directory).
+bool claim_store_dir() { return common::claim_private_dir(kRuleStoreDir); }
 
 std::string store_path(std::string_view name) {
   return common::format_cut(kRuleMax, "%s/%s", kRuleStoreDir, std::string(name).c_str());
 }
 
-// The whole store file; nullopt when it cannot be opened (a symbolic link
-// planted in its place is not followed).
+// The whole store file; nullopt when there is none. Only a regular file is
+// read (no link followed, no FIFO waited on); anything else at the name is
+// cleared away and counts as no file.
 std::optional<std::string> read_store_file(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
+  int fd = common::open_regular_nonblocking(path, O_RDONLY);
+  if (fd < 0) {
+    common::clear_fixed_name(path);
+    return std::nullopt;
+  }
   std::string content;
   char buf[4096];
   for (;;) {
@@ -51,6 +52,15 @@ std::optional<std::string> read_store_file(const std::string& path) {
   }
   ::close(fd);
   return content;
+}
+
+// The station's file opened for appending (created when missing); what
+// someone planted at its name is cleared away first. -1 on failure.
+int open_store_for_append(const std::string& path) {
+  const int flags = O_WRONLY | O_CREAT | O_APPEND;
+  int fd = common::open_regular_nonblocking(path, flags);
+  if (fd < 0 && common::clear_fixed_name(path)) fd = common::open_regular_nonblocking(path, flags);
+  return fd;
 }
 
 bool is_word_char(char c) {
@@ -131,8 +141,8 @@ int run_background_tool(std::string_view command) {
 }
 
 int ebt_rule_store_add(std::string_view name, std::string_view rule) {
-  if (!is_rule_store_name(name) || !store_dir_is_ours()) return -1;
-  int fd = common::open_nofollow_for_write(store_path(name), O_APPEND);
+  if (!is_rule_store_name(name) || !claim_store_dir()) return -1;
+  int fd = open_store_for_append(store_path(name));
   if (fd < 0) return -1;
   std::string line(rule);
   line.push_back('\n');
@@ -144,7 +154,7 @@ int ebt_rule_store_add(std::string_view name, std::string_view rule) {
 }
 
 int ebt_rule_store_flush(std::string_view name, int remove) {
-  if (!is_rule_store_name(name) || !store_dir_is_ours()) return -1;
+  if (!is_rule_store_name(name) || !claim_store_dir()) return -1;
   const std::string path = store_path(name);
   auto content = read_store_file(path);
   if (!content) return -1;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <optional>
 #include <string>
 
 #include "macauth/acl_table.h"
@@ -24,10 +26,24 @@ TEST(MacAuthText, RequestAndRadclientCommand) {
             "NAS-Port-Type = Wireless-802.11\n"
             "Connect-Info = \"CONNECT 11Mbps 802.11b\"\n"
             "Message-Authenticator = 0x00\n");
-  request.nas_ip.reset();
-  EXPECT_NE(build_radius_request(request).find("NAS-IP-Address = (null)\n"), std::string::npos);
+  // No address, or no dotted IPv4 address: the line is left out.
+  for (std::optional<std::string> ip : {std::optional<std::string>(), std::optional<std::string>("fe80::1"),
+                                        std::optional<std::string>("1.2.3.4\nFramed-IP-Address = 1.1.1.1"),
+                                        std::optional<std::string>("256.1.1.1")}) {
+    request.nas_ip = ip;
+    EXPECT_EQ(build_radius_request(request).find("NAS-IP"), std::string::npos);
+  }
+  // Every text value is one quoted, escaped attribute value.
+  request.nas_identifier = "x\", Framed-IP-Address = \"10.9.9.9";
+  request.ssid = std::string("Joe's \"Cafe\"\\\n\x01\x7f\0tail", 20);
+  const std::string text = build_radius_request(request);
+  EXPECT_NE(text.find("NAS-Identifier = \"x\\\", Framed-IP-Address = \\\"10.9.9.9\"\n"), std::string::npos);
+  EXPECT_NE(text.find("Called-Station-Id = \"00-AA-BB-CC-DD-EE:Joe's \\\"Cafe\\\"\\\\\\n\\001\\177\"\n"),
+            std::string::npos) << text;
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 8);
+  // A request that does not fit is not written at all rather than cut.
   request.ssid = std::string(2000, 's');
-  EXPECT_EQ(build_radius_request(request).size(), kRequestMax);
+  EXPECT_EQ(build_radius_request(request), "");
   EXPECT_EQ(radclient_command("h;x", 1812, "a b'c", "/tmp/f"),
             "radclient -x -r 1 'h;x':1812 auth 'a b'\\''c' -f /tmp/f");
   EXPECT_EQ(radclient_command("h", 1, std::string(300, 'k'), "/tmp/f").size(), kRadclientMax);
