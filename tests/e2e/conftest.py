@@ -17,6 +17,9 @@ def sandbox(request):
     try:
         yield sb
         print(sb.report())
+        reports = sb.sanitizer_reports()
+        if reports:
+            pytest.fail("the daemon's sanitizer report:\n" + reports[-4000:])
     finally:
         sb.close()
 

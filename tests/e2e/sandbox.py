@@ -345,6 +345,12 @@ class Sandbox:
             del env["LD_PRELOAD"]
             argv = [*QEMU, "-E", f"LD_PRELOAD={self.shim_path}", "-E", "CLIENTMGR_SHIM_GUEST=1", str(self.daemon_path)]
             comm = os.path.basename(QEMU[0])
+        # A sanitizer build of the daemon (it carries its runtime itself, so
+        # the preloaded shim may come first) reports into files of the
+        # sandbox, kept across restarts: see sanitizer_reports().
+        for var in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
+            if var in os.environ:
+                env[var] = f"{os.environ[var]}:log_path={self.root}/sanitizer"
         with open(self.root / "stdout", "wb") as out, open(self.root / "stderr", "wb") as err:
             self._proc = subprocess.Popen(self._nsenter + ["--", *argv],
                                           stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env, umask=0o022)
@@ -440,6 +446,11 @@ class Sandbox:
     def syslog(self):
         """Every record sent to /dev/log so far."""
         return self._syslog.records()
+
+    def sanitizer_reports(self):
+        """What AddressSanitizer or UndefinedBehaviorSanitizer reported about
+        the daemon (with ASAN_OPTIONS / UBSAN_OPTIONS set), "" when nothing."""
+        return "".join(p.read_text(errors="replace") for p in sorted(self.root.glob("sanitizer.*")))
 
     def report(self):
         """A summary for a failed test."""
