@@ -64,14 +64,18 @@ void send_authresp(int ath, std::string_view mac, int code) {
 bool write_request_file(const std::string& path, std::string_view text) {
   // The name sits under /tmp: what someone else planted there (a link, a
   // FIFO, a directory) is moved out of the way, a file left behind is
-  // removed, and the request is created afresh and exclusively.
-  common::clear_fixed_name(path);
-  ::unlink(path.c_str());
-  int fd = common::open_regular_nonblocking(path, O_WRONLY | O_CREAT | O_EXCL);
-  if (fd < 0) return false;
-  const bool ok = common::write_all(fd, text);
-  ::close(fd);
-  return ok;
+  // removed, and the request is created afresh and exclusively (once more
+  // when something was planted again in between).
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    common::clear_fixed_name(path);
+    ::unlink(path.c_str());
+    int fd = common::open_regular_nonblocking(path, O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0) continue;
+    const bool ok = common::write_all(fd, text);
+    ::close(fd);
+    return ok;
+  }
+  return false;
 }
 
 // NAS-IP-Address: "ipaddr" of "/etc/net/wan.status"; an empty value counts
