@@ -126,15 +126,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   drain(g_pipe[0]);
   const ssize_t put = ::write(g_pipe[1], text.data(), text.size());
   if (put != static_cast<ssize_t>(text.size())) std::abort();
-  // One handler call reads at most one chunk, as in the loop.
+  // One handler call reads at most one chunk, as in the loop; the pipe's
+  // unfinished line is carried from one read to the next.
+  daemon_core::PipeCarry carry, unused;
   while (pending_bytes(g_pipe[0]) > 0) {
     if (client_pipe) {
-      daemon_core::serve_client_pipe(*ctx, g_pipe[0]);
+      daemon_core::serve_client_pipe(*ctx, g_pipe[0], carry);
     } else {
       fd_set ready;
       FD_ZERO(&ready);
       FD_SET(g_pipe[0], &ready);
-      daemon_core::interpret_events(*ctx, -1, g_pipe[0], ready);
+      daemon_core::interpret_events(*ctx, -1, g_pipe[0], ready, unused, carry);
     }
   }
   return 0;

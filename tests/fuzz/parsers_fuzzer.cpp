@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "clients/files.h"
 #include "clients/notifier.h"
@@ -23,6 +24,7 @@
 #include "daemon/client_pipe.h"
 #include "daemon/interpreter.h"
 #include "daemon/netlink.h"
+#include "daemon/pipe_lines.h"
 #include "daemon/reload.h"
 #include "fuzz_common.h"
 #include "macauth/radius.h"
@@ -78,9 +80,16 @@ void client_line(std::string_view text) {
     static const common::InterfaceTable table = common::parse_interface_table("lan0\nath1\n");
     return common::interface_index_in(table, name);
   };
-  for (std::string_view rest = text; auto line = daemon_core::next_line(rest);
-       rest = daemon_core::skip_line(rest)) {
-    auto parsed = daemon_core::parse_client_line(*line, ifindex_of);
+  // The text arrives in two reads, cut in its middle, as a pipe may give it.
+  daemon_core::PipeCarry carry;
+  std::vector<std::string> lines = daemon_core::take_lines(carry, text.substr(0, text.size() / 2));
+  for (std::string& line : daemon_core::take_lines(carry, text.substr(text.size() / 2)))
+    lines.push_back(std::move(line));
+  check(carry.piece.size() <= daemon_core::kLineMax, "the carried piece stays within a line");
+  for (const std::string& line : lines) {
+    check(line.size() <= daemon_core::kLineMax && line.find('\n') == std::string::npos,
+          "a pipe line has at most 1023 characters and no newline");
+    auto parsed = daemon_core::parse_client_line(line, ifindex_of);
     if (!parsed) continue;
     check(parsed->mac.size() == 17, "a client line MAC has 17 characters");
     check(parsed->ip_field.size() <= 15, "the address field has at most 15 characters");
