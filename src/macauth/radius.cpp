@@ -154,9 +154,15 @@ std::string build_radius_request(const RadiusRequest& request) {
   return text;
 }
 
+namespace {
+std::string g_request_dir = "/tmp";  // changed by unit tests only
+}  // namespace
+
+void set_request_dir_for_tests(std::string_view dir) { g_request_dir = dir.empty() ? "/tmp" : std::string(dir); }
+
 std::string request_file_path(std::string_view hex_mac, int ath) {
   std::string hex(hex_mac);
-  return common::format("/tmp/radc-%s-%d", hex.c_str(), ath);
+  return common::format("%s/radc-%s-%d", g_request_dir.c_str(), hex.c_str(), ath);
 }
 
 std::string radclient_command(std::string_view host, int port, std::string_view secret,

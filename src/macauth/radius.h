@@ -63,6 +63,11 @@ std::string build_radius_request(const RadiusRequest& request);
 // "/tmp/radc-<hex-only MAC>-<ath>".
 std::string request_file_path(std::string_view hex_mac, int ath);
 
+// Unit tests only: the directory of the request files instead of "/tmp"
+// (empty: "/tmp" again), so that test runs share no fixed name. Set it while
+// no worker runs.
+void set_request_dir_for_tests(std::string_view dir);
+
 // "radclient -x -r 1 <host>:<port> auth <secret> -f <file>", cut to 255
 // characters; host and secret are quoted for the shell when not plain.
 std::string radclient_command(std::string_view host, int port, std::string_view secret,

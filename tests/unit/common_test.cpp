@@ -7,6 +7,7 @@
 #include "common/mac.h"
 #include "common/runner.h"
 #include "common/text.h"
+#include "test_dir.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ TEST(Runner, WaitStatusCutOutputAndOwnFormat) {
 }
 
 TEST(Files, WriteFirstLineAndAtomicReplace) {
-  const std::string path = ::testing::TempDir() + "/common_files.txt";
+  const std::string path = test_support::own_temp_dir() + "/common_files.txt";
   ASSERT_EQ(common::common_write_file(path, "abc\ndef\n"), 0);
   ASSERT_EQ(common::replace_file_atomically(path, "two\nthree\n"), 0);
   EXPECT_EQ(common::common_readfile_firstline(path), "two\n");

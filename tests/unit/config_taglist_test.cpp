@@ -6,15 +6,16 @@
 #include <sstream>
 
 #include "config/taglist.h"
+#include "test_dir.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace config;
 
-// A fresh, empty directory under the test temporary directory.
+// A fresh, empty directory under the process's own temporary directory.
 std::string fresh_dir(const std::string& name) {
-  const fs::path path = fs::path(::testing::TempDir()) / ("taglist_" + name);
+  const fs::path path = fs::path(test_support::own_temp_dir()) / ("taglist_" + name);
   fs::remove_all(path);
   fs::create_directories(path);
   return path.string() + "/";

@@ -22,6 +22,7 @@
 #include "macauth/macauth.h"
 #include "macauth/radius.h"
 #include "snmp/traps.h"
+#include "test_dir.h"
 
 namespace {
 
@@ -30,18 +31,24 @@ using Reply = std::function<std::optional<std::string>(const std::string&)>;
 
 constexpr int kAth = 3;
 constexpr const char* kStation = "02:5a:00:00:00:01";
-constexpr const char* kAsk = "radclient -x -r 1 10.0.0.1:1812 auth s1 -f /tmp/radc-025a00000001-3";
+// The request file lies in the process's own directory, not in /tmp.
+const std::string kRequestFile = test_support::own_temp_dir() + "/radc-025a00000001-3";
+const std::string kAsk = "radclient -x -r 1 10.0.0.1:1812 auth s1 -f " + kRequestFile;
 
 // Owns the context and the command recorder: radclient answers with reply_
 // (set before the first query), and not while hold_ is set, so that workers
 // stay in flight.
 class MacAuthWorker : public ::testing::Test {
  protected:
-  void SetUp() override { common::set_command_recorder(&recorder_); }
+  void SetUp() override {
+    common::set_command_recorder(&recorder_);
+    macauth::set_request_dir_for_tests(test_support::own_temp_dir());
+  }
   void TearDown() override {
     hold_ = false;
     wait_idle();  // detached workers: the context may go only when all have ended
     common::set_command_recorder(nullptr);
+    macauth::set_request_dir_for_tests("");
   }
 
   macauth::WlanAclConfig& wlan() { return ctx_->macauth.wlan_acl.at(static_cast<std::size_t>(w_)); }
@@ -102,7 +109,7 @@ TEST_F(MacAuthWorker, SilentFirstServerThenAcceptIsCachedForThePeriodOnly) {
     EXPECT_EQ(query(kStation), 0);
     wait_idle();
   }
-  const std::string ask2 = "radclient -x -r 1 10.0.0.2:1812 auth s2 -f /tmp/radc-025a00000001-3";
+  const std::string ask2 = "radclient -x -r 1 10.0.0.2:1812 auth s2 -f " + kRequestFile;
   EXPECT_EQ(commands(), (std::vector<std::string>{kAsk, ask2, authresp(0), authresp(0), kAsk, ask2, authresp(0)}));
 }
 
@@ -123,7 +130,7 @@ TEST_F(MacAuthWorker, PendingDuplicateAndBurstStartAtMostEightWorkers) {
   const std::vector<std::string> all = commands();
   EXPECT_EQ(all.size(), 9u);  // 8 radclients and the reject: silent servers get no answer
   EXPECT_EQ(std::count(all.begin(), all.end(), authresp(13)), 1);
-  EXPECT_NE(access("/tmp/radc-025a00000001-3", F_OK), 0);  // deleted at the end
+  EXPECT_NE(access(kRequestFile.c_str(), F_OK), 0);  // deleted at the end
   EXPECT_EQ(wlan().cache[0].stamp, 0u);  // a reject is not cached
 }
 
