@@ -1,6 +1,8 @@
 """Start-up of the daemon and the robustness of its loop."""
 import os
+import re
 import stat
+from pathlib import Path
 
 import pytest
 
@@ -57,3 +59,21 @@ def test_junk_empty_writes_cut_lines_and_lines_without_mac(sandbox):
     assert lines_of(sandbox, "no mac", mark) == [
         "no mac!!! ###garbage line###", "no mac!!! ######", "no mac!!! ###00-11-22-33-44-55 10.0.0.5 ath0###",
         "no mac!!! ###00:11:22:33:44:5###"]
+
+
+@pytest.mark.parametrize("args", [["--help"], ["-v", "x"], [""]])
+def test_any_argument_prints_usage_and_version_and_touches_nothing(sandbox, args):
+    version = re.search(r"project\(clientmgr VERSION ([0-9.]+)",
+                        (Path(__file__).parents[2] / "CMakeLists.txt").read_text()).group(1)
+    for path in CLIENT_FILES:
+        sandbox.write(path, "stale\n")
+    # The recorders first on PATH: a start-up step would show in commands().
+    result = sandbox.run_in_ns(["env", f"PATH={sandbox.root}/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                str(sandbox.daemon_path), *args], check=False)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert result.stderr.startswith("usage: clientmgr\n") and f"clientmgr {version}:" in result.stderr
+    assert sandbox.commands() == [] and sandbox.syslog() == []
+    for path in PIPES:
+        assert not sandbox.exists(path), path
+    for path in CLIENT_FILES:
+        assert sandbox.read(path) == "stale\n", path
