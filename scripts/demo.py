@@ -12,6 +12,7 @@ daemon ran, and the traps and syslog lines it raised are printed.
 answers even when FreeRADIUS and snmptrapd are installed.
 """
 import shutil
+import textwrap
 import subprocess
 import sys
 import time
@@ -62,14 +63,21 @@ os.execve({real!r}, [{real!r}] + sys.argv[1:], dict(os.environ, SNMP_PERSISTENT_
 """
 
 TTY = sys.stdout.isatty()
+WIDTH = 80  # every line fits an 80-column terminal; longer texts wrap
 
 
 def paint(code, text):
     return f"\033[{code}m{text}\033[0m" if TTY else text
 
 
-def short(text, width=110):
-    return text if len(text) <= width else text[:width - 3] + "..."
+def emit(label, text, color="", indent=None):
+    """Prints label + text wrapped at WIDTH columns, later lines indented
+    under the text (or by indent); only the label is painted."""
+    pad = " " * (len(label) if indent is None else indent)
+    lines = textwrap.wrap(text, WIDTH, initial_indent=label, subsequent_indent=pad,
+                          break_long_words=True, break_on_hyphens=False) or [label]
+    lines[0] = (paint(color, label) if color else label) + lines[0][len(label):]
+    print("\n".join(lines))
 
 
 TRAPS = {".1.1": "rogue AP", ".2.1": "client limit", ".3.1": "ACL mismatch", ".4.1": "no beacon"}
@@ -77,12 +85,56 @@ TRAPS = {".1.1": "rogue AP", ".2.1": "client limit", ".3.1": "ACL mismatch", ".4
 
 def trap_text(oid, values):
     name = next((n for suffix, n in TRAPS.items() if oid.endswith(suffix)), "VLAN failure")
-    return short(f"{name} trap: " + " ".join(values))
+    return f"{name} trap: " + " ".join(values)
 
 
 def hms(seconds):
     seconds = int(seconds)
     return f"{seconds // 3600}:{seconds % 3600 // 60:02d}:{seconds % 60:02d}"
+
+
+def why(call):
+    """Why the daemon ran this command, when that is not plain from the
+    command itself; None otherwise."""
+    a, t = call.argv, call.text
+    if call.tool == "killall":
+        return "start-up: an iwevent left from an earlier run is ended (then with -9)"
+    if call.tool == "iwevent":
+        return f"start-up: iwevent is started again, its output appended to {call.stdout}"
+    if call.tool == "ebtables" and a[1:2] == ["-V"]:
+        return ("VLAN rules will be needed (MAC auth with dynamic VLANs on Guest): "
+                "running ebtables makes sure its kernel module is loaded")
+    if call.tool == "bandwidth_mgnt":
+        return (f"ath{a[3]} has rate limits but no shaping tree yet (no /etc/wlan/bandwidth_mgnt/"
+                f"per_client_set_{a[3]}): the init script builds it (a recorder here; the demo "
+                "then makes that file as the script would)")
+    if call.tool == "ebtables" and "mark" in a:
+        return ("rate limit: the station's frames get a mark per direction, which the tc "
+                "filters send to its classes" if a[1] == "-A" else
+                "rate limit removed or about to change: the station's marks go first")
+    if call.tool == "tc" and a[1] == "class":
+        return ("rate limit: one HTB class per direction, ceil = kbit/s (upstream on the "
+                "uplink eth1, downstream on the radio wifi0)" if a[2] == "add" else
+                "the station's old classes are deleted")
+    if call.tool == "tavo_client":
+        event = {"21": "association", "22": "departure", "23": "client limit"}.get(a[2], a[2])
+        return f"the notifier is told: event {a[2]} = {event} (station, BSSID, hex SSID, time)"
+    if call.tool == "ip" and "rt_portal" in a:
+        if a[3] == "0.0.0.0":
+            return ("a new address: the captive-portal route of the old one is deleted first "
+                    "(0.0.0.0: there was none); no portal on this WLAN, so none is added")
+        return "the station left: the portal route of its address is deleted (if there was one)"
+    if call.tool == "radclient":
+        return "MAC authentication: the daemon asks the RADIUS server about the station"
+    if call.tool == "iwpriv":
+        code = t.rsplit(",", 1)[-1]
+        return f"the driver gets the answer: {code} = " + ("accept" if code == "0" else "reject")
+    if call.tool == "ebtables" and "svlan" in a:
+        return ("the station's VLAN: broute rules tag what it sends and match what it "
+                "receives" if "-I" in a else "the station's previous VLAN rules are removed")
+    if call.tool == "snmptrap":
+        return "an SNMP trap to the receiver in SNMP_TRAP1_IPADDR"
+    return None
 
 
 class Demo:
@@ -92,7 +144,7 @@ class Demo:
         self.seen = {"calls": 0, "syslog": 0, "stdout": 0, "traps": 0, "logins": 0}
 
     def send(self, pipe, line):
-        print(paint("2", f"   {pipe} <- {line}"))
+        emit(f"   {pipe} <- ", line, "2", indent=6)
         self.sb.write_fifo(pipe, line + "\n")
         self.sb.wait_idle(timeout=30)
 
@@ -105,42 +157,54 @@ class Demo:
         if self.step_no > 1:
             self.sb.advance_time(minutes * 60)
         print()
-        print(paint("1;36", f"[{self.step_no:2d}] uptime {hms(self.sb.uptime())}  {caption}"))
+        emit(f"[{self.step_no:2d}] ", f"uptime {hms(self.sb.uptime())}  {caption}", "1;36")
 
     def _new(self, key, items):
         new = items[self.seen[key]:]
         self.seen[key] = len(items)
         return new
 
-    def show(self, with_table=True):
-        calls = self._new("calls", self.sb.calls())
+    def commands(self, calls):
+        """Each command whole (wrapped), under a line that says why it ran
+        when that is not plain; one such line for a run of the same reason."""
         # Long lists: the queues and filters that go with each tc class are left out.
         routine = [c for c in calls if c.tool == "tc" and c.argv[1] in ("qdisc", "filter")]
+        said = set()
         for call in calls if len(calls) <= 16 else [c for c in calls if c not in routine]:
-            print(paint("33", "   $ ") + short(call.text))
+            reason = why(call)
+            if reason and reason not in said:
+                emit("   # ", reason, "2")
+                said.add(reason)
+            emit("   $ ", call.text, "33", indent=7)
+            if call.tool == "bandwidth_mgnt":
+                self.sb.write(f"/etc/wlan/bandwidth_mgnt/per_client_set_{call.argv[3]}", "")
         if len(calls) > 16:
-            print(paint("33", f"   $ ... and {len(routine)} tc qdisc/filter commands for those classes"))
+            emit("   $ ", f"... and {len(routine)} tc qdisc/filter commands for those classes", "33")
+
+    def show(self, with_table=True):
+        calls = self._new("calls", self.sb.calls())
+        self.commands(calls)
         canned = self.sb.root / "stub-out/radclient"
         if self.radius is None and any(c.tool == "radclient" for c in calls):
-            print(paint("34", "   radclient (recorder) answered: ") + canned.read_text().split()[1])
+            emit("   radclient (recorder) answered: ", canned.read_text().split()[1], "34")
         if self.radius is not None:
             for line in self._new("logins", self.radius.logins()):
-                print(paint("34", "   freeradius: ") + line.split("Auth: ", 1)[-1].split(" (from")[0])
+                emit("   freeradius: ", line.split("Auth: ", 1)[-1].split(" (from")[0], "34")
         for line in self._new("stdout", self.sb.stdout().splitlines()):
             if line.startswith(("new record", "Changing", "check_expired", "clear:")):
-                print(paint("32", "   daemon: ") + line)
+                emit("   daemon: ", line, "32", indent=6)
         for rec in self._new("syslog", self.sb.syslog()):
-            print(paint("35", "   syslog: ") + f"{rec.tag}: {rec.message}".strip())
+            emit("   syslog: ", f"{rec.tag}: {rec.message}".strip(), "35", indent=6)
         if self.traps_log is not None:
             for line in self._new("traps", [l for l in self.traps_log.read_text(errors="replace").splitlines()
                                             if l.startswith("TRAP")]):
                 binds = [b.split(" = ", 1)[1].split(": ", 1)[-1] for b in line.split("| ")[1:]]
-                print(paint("31", "   snmptrapd received: ") + trap_text(binds[0], binds[1:]))
+                emit("   snmptrapd received: ", trap_text(binds[0], binds[1:]), "31", indent=6)
         else:
             for call in calls:
                 if call.tool == "snmptrap":
                     values = [f'"{v}"' if t == "s" else v for t, v in zip(call.argv[9::3], call.argv[10::3])]
-                    print(paint("31", "   trap (recorded, not sent): ") + trap_text(call.argv[7], values))
+                    emit("   trap (recorded, not sent): ", trap_text(call.argv[7], values), "31", indent=6)
         if with_table:
             self.table()
             time.sleep(self.pause)
@@ -148,16 +212,16 @@ class Demo:
     def table(self):
         text = self.sb.read("/etc/clientip") if self.sb.exists("/etc/clientip") else ""
         assoc = self.sb.read("/etc/clientip_assoc") if self.sb.exists("/etc/clientip_assoc") else ""
-        print(paint("1", "   /etc/clientip:  VAP   MAC                IP              here  assoc at  left at   #in #out"))
+        print(paint("1", "   /etc/clientip"))
+        print(paint("1", "   VAP   station            IP address       here assoc'd  left      in out"))
         if not text.strip():
-            print("                   (empty)")
+            print("   (empty)")
         for line in text.splitlines():
             f = line.split()
             vap, mac = f[0].split(":", 1)
-            here = "yes" if line.split()[0] in assoc else "-"
+            here = "yes" if f[0] in assoc.split() else "-"
             left = hms(int(f[3])) if int(f[3]) else "-"
-            print(f"                   {vap:<5} {mac}  {f[1]:<15} {here:<5} {hms(int(f[2])):<9} {left:<9}"
-                  f" {f[4]:>3} {f[5]:>4}")
+            print(f"   {vap:<5} {mac}  {f[1]:<15}  {here:<4} {hms(int(f[2])):<8} {left:<8} {f[4]:>3} {f[5]:>3}")
 
 
 def start_trap_receiver(sb):
@@ -199,21 +263,24 @@ def prepare(sb, stubs):
         radius = radius_server.RadiusServer(sb, RADIUS_USERS)
         radius.start()
         record_real(sb, sb.root / "bin/radclient", "radclient", shutil.which("radclient"))
-        print("RADIUS: a private FreeRADIUS on 127.0.0.1:1812 (accepts the visitor with VLAN 20, refuses the rest)")
+        emit("RADIUS: ", "a private FreeRADIUS on 127.0.0.1:1812 (accepts the visitor with VLAN 20, "
+                     "refuses the rest)")
     else:
         why = "--stubs" if stubs else "FreeRADIUS is not installed"
-        print(f"RADIUS: radclient is a recorder with canned answers ({why})")
+        emit("RADIUS: ", f"radclient is a recorder with canned answers ({why})")
     traps_log = None
     if not stubs and shutil.which("snmptrapd") and shutil.which("snmptrap"):
         traps_log = start_trap_receiver(sb)
         record_real(sb, sb.root / "shadow/usr-sbin/snmptrap", "/usr/sbin/snmptrap", shutil.which("snmptrap"))
-        print("SNMP:   snmptrapd listens on 127.0.0.1:162; the daemon's traps go to it")
+        emit("SNMP:   ", "snmptrapd listens on 127.0.0.1:162; the daemon's traps go to it")
     else:
         why = "--stubs" if stubs else "snmptrapd is not installed"
-        print(f"SNMP:   snmptrap is a recorder, the traps are only shown ({why})")
-    print("Other tools (tc, ebtables, ip, iwpriv, tavo_client, logger) are recorders: their runs are listed.")
-    print("Client table: 'here' = in /etc/clientip_assoc (associated now); 'assoc at', 'left at' = uptime of\n"
-          "the last association and departure; #in, #out = how often it associated and left.")
+        emit("SNMP:   ", f"snmptrap is a recorder, the traps are only shown ({why})")
+    emit("Tools:  ", "tc, ebtables, ip, iwpriv, tavo_client and logger are recorders: their runs "
+                     "are listed ($), with a line (#) that says why when that is not plain.")
+    emit("Table:  ", "/etc/clientip as the daemon writes it. here = also in /etc/clientip_assoc "
+                     "(associated now); assoc'd, left = uptime of the last association and "
+                     "departure; in, out = how often it associated and left.")
     return radius, traps_log
 
 
@@ -232,10 +299,14 @@ def scenario(demo, sb):
                             (TABLET, "10.0.20.31", "ath1")):
         demo.send("/etc/client_table_pipe", f"{mac} {ip} {ifname}")
     demo.show()
-    demo.step("The phone roams from Office (ath0) to Guest (ath1) and gets a Guest address")
-    sb.set_stations("ath0", 1)
+    demo.step("The phone roams from Office (ath0) to Guest (ath1): it registers on ath1, then ath0 "
+              "reports its departure; DHCP gives it a Guest address")
     sb.set_stations("ath1", 2)
     demo.iwevent("ath1", f"Registered node {PHONE}")
+    demo.show(with_table=False)
+    sb.set_stations("ath0", 1)
+    demo.iwevent("ath0", f"Expired node {PHONE}")
+    demo.show(with_table=False)
     demo.send("/etc/client_table_pipe", f"{PHONE} 10.0.20.32 ath1")
     demo.show()
     demo.step("The controller sets the laptop's rate to 512 kbit/s up, 2048 down")
@@ -263,8 +334,11 @@ def scenario(demo, sb):
     sb.set_stations("ath1", 1)
     demo.iwevent("ath1", f"Expired node {TABLET}")
     demo.show()
-    demo.step("31 minutes later a client-file refresh sweeps out the tablet's record", minutes=31)
+    demo.step("31 minutes later a client-file refresh sweeps out the records of stations gone for "
+              "30 minutes: the tablet's and the phone's old row on ath0", minutes=31)
     demo.send("/etc/event_pipe", "[REFRESH_CLIENT_FILE]")
+    emit("   # ", "clearing the phone's old ath0 record releases its shaping once more "
+                  "(the departure already did; the commands then find nothing to delete)", "2")
     demo.show(with_table=False)
     demo.table()
 
@@ -275,7 +349,7 @@ def main():
         print(__doc__.strip(), file=sys.stderr)
         return 2
     pause = 0 if "--fast" in args else 5.5
-    print(paint("1", "clientmgr demo: the real daemon in a private namespace, a simulated access point"))
+    emit("", "clientmgr demo: the real daemon in a private namespace, a simulated access point", "1")
     try:
         sb = sandbox_lib.Sandbox()
     except sandbox_lib.SandboxError as e:
@@ -286,8 +360,9 @@ def main():
         radius, traps_log = prepare(sb, "--stubs" in args)
         time.sleep(pause / 2)
         scenario(Demo(sb, pause, radius, traps_log), sb)
-        print(paint("1", f"\nDone: {len(sb.calls())} commands run, {len(sb.syslog())} syslog lines; "
-                         "the sandbox is removed now."))
+        print()
+        emit("", f"Done: {len(sb.calls())} commands run, {len(sb.syslog())} syslog lines; "
+                 "the sandbox is removed now.", "1")
         return 0
     except (sandbox_lib.SandboxError, AssertionError) as e:
         print(f"demo: {e}\n{sb.report()}", file=sys.stderr)
