@@ -3,7 +3,7 @@
 
 The real daemon runs in the end-to-end sandbox (tests/e2e/sandbox.py) with two
 VAPs, ath0 "Office" and ath1 "Guest". A scenario is played into its pipes on a
-fast clock; after each step the client table (/etc/clientip), the commands the
+fast clock; after each step the client table (clientmgrctl list), the commands the
 daemon ran, and the traps and syslog lines it raised are printed.
 
     scripts/demo [--fast] [--stubs]
@@ -11,6 +11,7 @@ daemon ran, and the traps and syslog lines it raised are printed.
 --fast drops the pauses between steps; --stubs uses the recorders with canned
 answers even when FreeRADIUS and snmptrapd are installed.
 """
+import os
 import shutil
 import textwrap
 import subprocess
@@ -22,6 +23,8 @@ REPO = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(REPO / "tests/e2e"))
 import radius_server  # noqa: E402
 import sandbox as sandbox_lib  # noqa: E402
+
+CTL = Path(os.environ.get("CLIENTMGR_BUILD", REPO / "build")) / "clientmgrctl"
 
 OFFICE_BSSID, GUEST_BSSID = "00:0e:8e:5a:10:00", "00:0e:8e:5a:10:01"
 LAPTOP, PHONE, TABLET = "3c:22:fb:1a:2b:3c", "a4:83:e7:44:55:66", "f0:18:98:77:88:99"
@@ -210,18 +213,16 @@ class Demo:
             time.sleep(self.pause)
 
     def table(self):
-        text = self.sb.read("/etc/clientip") if self.sb.exists("/etc/clientip") else ""
-        assoc = self.sb.read("/etc/clientip_assoc") if self.sb.exists("/etc/clientip_assoc") else ""
-        print(paint("1", "   /etc/clientip"))
-        print(paint("1", "   VAP   station            IP address       here assoc'd  left      in out"))
-        if not text.strip():
-            print("   (empty)")
-        for line in text.splitlines():
-            f = line.split()
-            vap, mac = f[0].split(":", 1)
-            here = "yes" if f[0] in assoc.split() else "-"
-            left = hms(int(f[3])) if int(f[3]) else "-"
-            print(f"   {vap:<5} {mac}  {f[1]:<15}  {here:<4} {hms(int(f[2])):<8} {left:<8} {f[4]:>3} {f[5]:>3}")
+        """The client table as `clientmgrctl list` shows it, run in the sandbox on the daemon's clock."""
+        ctl = self.sb.root / "host" / "clientmgrctl"
+        if not ctl.exists():
+            shutil.copy2(CTL, ctl)
+        out = self.sb.run_in_ns(["env", f"LD_PRELOAD={self.sb.shim_path}", f"CLIENTMGR_SANDBOX={self.sb.root}",
+                                 str(ctl), "list"]).stdout.splitlines()
+        print(paint("1", "   $ clientmgrctl list"))
+        print(paint("1", "   " + out[0]))
+        for line in out[1:] or ["(empty)"]:
+            print("   " + line)
 
 
 def start_trap_receiver(sb):
@@ -278,9 +279,9 @@ def prepare(sb, stubs):
         emit("SNMP:   ", f"snmptrap is a recorder, the traps are only shown ({why})")
     emit("Tools:  ", "tc, ebtables, ip, iwpriv, tavo_client and logger are recorders: their runs "
                      "are listed ($), with a line (#) that says why when that is not plain.")
-    emit("Table:  ", "/etc/clientip as the daemon writes it. here = also in /etc/clientip_assoc "
-                     "(associated now); assoc'd, left = uptime of the last association and "
-                     "departure; in, out = how often it associated and left.")
+    emit("Table:  ", "clientmgrctl list: /etc/clientip joined with /etc/clientip_assoc and "
+                     "/etc/client_accu_stat. ON = associated now; JOINED, LEFT = time since the last "
+                     "association and departure; JOIN/LEFT = how often; TX, RX = bytes.")
     return radius, traps_log
 
 
