@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdlib>
 
+#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -123,51 +124,65 @@ int tunnel_number(const config::taglist* conf, int ath) {
   return std::atoi(profile->c_str());
 }
 
-std::string tc_class_command(std::string_view verb, std::string_view dev, unsigned major,
-                             unsigned parent, unsigned minor, int ceil) {
-  return common::format_cut(
+std::optional<std::string> tc_class_command(common::Template verb, std::string_view dev,
+                                            unsigned major, unsigned parent, unsigned minor,
+                                            int ceil) {
+  return common::build_command(
       kCommandMax,
-      "tc class %s dev %s parent %x:%x classid %x:%x htb rate 2kbit ceil %dkbit burst 15k "
+      "tc class {} dev {} parent {}:{} classid {}:{} htb rate 2kbit ceil {}kbit burst 15k "
       "> /dev/null 2>&1",
-      std::string(verb).c_str(), common::shell_word(dev).c_str(), major, parent, major, minor,
-      ceil);
+      {common::constant(verb), common::device(dev), common::hex(major), common::hex(parent),
+       common::hex(major), common::hex(minor), common::number(ceil)});
 }
 
-std::string tc_qdisc_command(std::string_view verb, std::string_view dev, unsigned major,
-                             unsigned minor) {
-  return common::format_cut(
-      kCommandMax,
-      "tc qdisc %s dev %s parent %x:%x handle 0x%x: sfq perturb 10 > /dev/null 2>&1",
-      std::string(verb).c_str(), common::shell_word(dev).c_str(), major, minor,
-      major * kHandleMajorStep + minor);
+std::optional<std::string> tc_qdisc_command(common::Template verb, std::string_view dev,
+                                            unsigned major, unsigned minor) {
+  return common::build_command(
+      kCommandMax, "tc qdisc {} dev {} parent {}:{} handle 0x{}: sfq perturb 10 > /dev/null 2>&1",
+      {common::constant(verb), common::device(dev), common::hex(major), common::hex(minor),
+       common::hex(major * kHandleMajorStep + minor)});
 }
 
-std::string tc_filter_command(std::string_view verb, std::string_view dev, unsigned major,
-                              unsigned mark) {
-  return common::format_cut(
+std::optional<std::string> tc_filter_command(common::Template verb, std::string_view dev,
+                                             unsigned major, unsigned mark) {
+  return common::build_command(
       kCommandMax,
-      "tc filter %s dev %s prio 0x%x protocol all parent %x:0 handle 0x%x fw flowid %x:%x "
+      "tc filter {} dev {} prio 0x{} protocol all parent {}:0 handle 0x{} fw flowid {}:{} "
       "> /dev/null 2>&1",
-      std::string(verb).c_str(), common::shell_word(dev).c_str(), mark, major, mark, major,
-      mark);
+      {common::constant(verb), common::device(dev), common::hex(mark), common::hex(major),
+       common::hex(mark), common::hex(major), common::hex(mark)});
 }
 
-std::string mark_rule_command(std::string_view verb, int direction, int ath,
-                              std::string_view mac, unsigned mark) {
+std::optional<std::string> mark_rule_command(common::Template verb, int direction, int ath,
+                                             std::string_view mac, unsigned mark) {
   if (direction == 0)
-    return common::format_cut(kCommandMax,
-                              "/sbin/ebtables %s ATH%d_BANDWIDTH_UP -s %s -j mark --set-mark "
-                              "0x%x --mark-target CONTINUE > /dev/null 2>&1",
-                              std::string(verb).c_str(), ath, common::shell_word(mac).c_str(),
-                              mark);
-  return common::format_cut(kCommandMax,
-                            "/sbin/ebtables %s ATH%d_BANDWIDTH_DOWN -d %s -j mark --set-mark "
-                            "0x%x --mark-target CONTINUE > /dev/null 2>&1",
-                            std::string(verb).c_str(), ath, common::shell_word(mac).c_str(),
-                            mark);
+    return common::build_command(kCommandMax,
+                                 "/sbin/ebtables {} ATH{}_BANDWIDTH_UP -s {} -j mark --set-mark "
+                                 "0x{} --mark-target CONTINUE > /dev/null 2>&1",
+                                 {common::constant(verb), common::number(ath), common::mac(mac),
+                                  common::hex(mark)});
+  return common::build_command(kCommandMax,
+                               "/sbin/ebtables {} ATH{}_BANDWIDTH_DOWN -d {} -j mark --set-mark "
+                               "0x{} --mark-target CONTINUE > /dev/null 2>&1",
+                               {common::constant(verb), common::number(ath), common::mac(mac),
+                                common::hex(mark)});
 }
 
-std::vector<std::string> traffic_control_commands(std::string_view verb,
+namespace {
+
+// Every command of a set, or none when one of them could not be built.
+std::vector<std::string> all_or_none(const std::vector<std::optional<std::string>>& commands) {
+  std::vector<std::string> out;
+  for (const auto& command : commands) {
+    if (!command) return {};
+    out.push_back(*command);
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<std::string> traffic_control_commands(common::Template verb,
                                                   const clients::BandwidthBlock& block,
                                                   int tunnel, std::string_view wan_dev) {
   std::string up_dev;
@@ -181,9 +196,9 @@ std::vector<std::string> traffic_control_commands(std::string_view verb,
   const bool up = block.up_rate > 0;
   const bool down = block.down_rate > 0;
 
-  std::vector<std::string> classes;
-  std::vector<std::string> queues;
-  std::vector<std::string> filters;
+  std::vector<std::optional<std::string>> classes;
+  std::vector<std::optional<std::string>> queues;
+  std::vector<std::optional<std::string>> filters;
   if (up) {
     classes.push_back(tc_class_command(verb, up_dev, up_major, block.up_parent, block.up_mark,
                                        block.up_rate));
@@ -201,25 +216,25 @@ std::vector<std::string> traffic_control_commands(std::string_view verb,
     filters.push_back(tc_filter_command(verb, block.tc_dev, block.tc_major, block.down_mark));
   }
 
-  std::vector<std::string> out;
-  const bool adding = verb == "add";
+  std::vector<std::optional<std::string>> out;
+  const bool adding = std::string_view(verb.text) == "add";
   const auto& first = adding ? classes : filters;
   const auto& last = adding ? filters : classes;
   out.insert(out.end(), first.begin(), first.end());
   out.insert(out.end(), queues.begin(), queues.end());
   out.insert(out.end(), last.begin(), last.end());
-  return out;
+  return all_or_none(out);
 }
 
-std::vector<std::string> mark_rule_commands(std::string_view verb, int ath, std::string_view mac,
+std::vector<std::string> mark_rule_commands(common::Template verb, int ath, std::string_view mac,
                                             const clients::BandwidthBlock& block) {
-  std::vector<std::string> out;
+  std::vector<std::optional<std::string>> out;
   if (block.up_rate > 0) out.push_back(mark_rule_command(verb, 0, ath, mac, block.up_mark));
   if (block.down_rate >= 1) out.push_back(mark_rule_command(verb, 1, ath, mac, block.down_mark));
-  return out;
+  return all_or_none(out);
 }
 
-void traffic_control_set(const config::taglist* conf, std::string_view verb,
+void traffic_control_set(const config::taglist* conf, common::Template verb,
                          const clients::BandwidthBlock& block, int tunnel) {
   if (block.up_rate <= 0 && block.down_rate <= 0) return;
   // The WAN device is looked up only when the upstream side needs it.
@@ -230,9 +245,9 @@ void traffic_control_set(const config::taglist* conf, std::string_view verb,
 void apply_bandwidth(const config::taglist* conf, std::string_view mac, int ath,
                      const clients::BandwidthBlock& block) {
   if ((block.up_rate >= 1 || block.down_rate >= 1) && !per_client_tree_exists(ath)) {
-    common::run_command(common::format_cut(
-        kCommandMax, "/etc/rc.d/init.d/bandwidth_mgnt init_per_client wifi%d %d 1 1",
-        block.radio, ath));
+    common::run_command(common::build_command(
+        kCommandMax, "/etc/rc.d/init.d/bandwidth_mgnt init_per_client wifi{} {} 1 1",
+        {common::number(block.radio), common::number(ath)}));
   }
   run_all(mark_rule_commands("-A", ath, mac, block));
   traffic_control_set(conf, "add", block, tunnel_number(conf, ath));
@@ -251,7 +266,8 @@ void l2tp_remove_client(const config::taglist* conf, const clients::BandwidthBlo
 
 void l2tp_update_client(const config::taglist* conf, int down, std::string_view /*mac*/,
                         int /*wlan*/, const clients::BandwidthBlock& block, int profile) {
-  traffic_control_set(conf, down ? "del" : "add", block, profile);
+  traffic_control_set(conf, down ? common::Template("del") : common::Template("add"), block,
+                      profile);
 }
 
 }  // namespace bandwidth

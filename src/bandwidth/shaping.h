@@ -2,11 +2,13 @@
 // station and direction, selected by ebtables marks set by MAC address.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "clients/record.h"
+#include "common/command.h"
 #include "config/taglist.h"
 
 namespace daemon_core {
@@ -41,7 +43,7 @@ std::string wan_device(const config::taglist* conf);
 // radio device: "add" runs classes, queues, filters; "del" runs filters,
 // queues, classes. Tunnel n != 0 puts the upstream side on "bcp<n+50>" with
 // major n + 128, else on the WAN device with major 1.
-void traffic_control_set(const config::taglist* conf, std::string_view verb,
+void traffic_control_set(const config::taglist* conf, common::Template verb,
                          const clients::BandwidthBlock& block, int tunnel);
 
 // The L2TP tunnel of the interface: the number of its "L2TP_PROFILE" when
@@ -57,29 +59,32 @@ void l2tp_remove_client(const config::taglist* conf, const clients::BandwidthBlo
 void l2tp_update_client(const config::taglist* conf, int down, std::string_view mac, int wlan,
                         const clients::BandwidthBlock& block, int profile);
 
-// --- command texts (pure; values are shell-quoted where they stand)
+// --- command texts (pure; built by common/command.h: nullopt when a device
+// name or MAC is not one or the command would not fit in 1023 characters)
 // "tc class <verb> dev <dev> parent <major>:<parent> classid <major>:<minor>
 //  htb rate 2kbit ceil <ceil>kbit burst 15k > /dev/null 2>&1"
-std::string tc_class_command(std::string_view verb, std::string_view dev, unsigned major,
-                             unsigned parent, unsigned minor, int ceil);
+std::optional<std::string> tc_class_command(common::Template verb, std::string_view dev,
+                                            unsigned major, unsigned parent, unsigned minor,
+                                            int ceil);
 // SFQ leaf queue under <major>:<minor>, handle major * 8192 + minor.
-std::string tc_qdisc_command(std::string_view verb, std::string_view dev, unsigned major,
-                             unsigned minor);
+std::optional<std::string> tc_qdisc_command(common::Template verb, std::string_view dev,
+                                            unsigned major, unsigned minor);
 // fw filter: prio, handle and flow minor are all the mark.
-std::string tc_filter_command(std::string_view verb, std::string_view dev, unsigned major,
-                              unsigned mark);
+std::optional<std::string> tc_filter_command(common::Template verb, std::string_view dev,
+                                             unsigned major, unsigned mark);
 // ebtables mark rule in ATH<ath>_BANDWIDTH_UP (direction 0, by source MAC)
 // or ATH<ath>_BANDWIDTH_DOWN (direction 1, by destination MAC); verb "-A"
 // or "-D".
-std::string mark_rule_command(std::string_view verb, int direction, int ath,
-                              std::string_view mac, unsigned mark);
-// The commands of the traffic-control set in the order they run.
-std::vector<std::string> traffic_control_commands(std::string_view verb,
+std::optional<std::string> mark_rule_command(common::Template verb, int direction, int ath,
+                                             std::string_view mac, unsigned mark);
+// The commands of the traffic-control set in the order they run; empty
+// (nothing runs) when one of them cannot be built.
+std::vector<std::string> traffic_control_commands(common::Template verb,
                                                   const clients::BandwidthBlock& block,
                                                   int tunnel, std::string_view wan_dev);
 // The mark rules of the station (upstream when up_rate > 0, downstream when
-// down_rate >= 1).
-std::vector<std::string> mark_rule_commands(std::string_view verb, int ath, std::string_view mac,
+// down_rate >= 1); empty when one cannot be built.
+std::vector<std::string> mark_rule_commands(common::Template verb, int ath, std::string_view mac,
                                             const clients::BandwidthBlock& block);
 
 // --- numbering (pure)

@@ -8,6 +8,7 @@
 #include "clients/table.h"
 #include "common/clock.h"
 #include "common/files.h"
+#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -150,18 +151,13 @@ std::string hex_escape(std::string_view text, std::size_t n, std::string& trace)
 std::size_t append_notifier_call(std::string& command, int event, std::string_view message,
                                  std::int64_t since) {
   if (message.size() > kNotifierMessageMax) return 0;
-  const std::string pieces[] = {
-      "tavo_client ",
-      common::format(" -E %d \"%s\" %ld ", event, common::shell_dq(message).c_str(),
-                     static_cast<long>(since)),
-      " &",
-  };
-  std::size_t length = command.size();
-  for (const std::string& piece : pieces) {
-    if (length + piece.size() > kNotifierCommandMax) return 0;
-    length += piece.size();
-  }
-  for (const std::string& piece : pieces) command += piece;
+  // The limit applies to the command with the message unquoted; what is
+  // already there came from earlier calls.
+  common::CommandText call;
+  common::append(call, "tavo_client  -E {} \"{}\" {}  &",
+                 {common::number(event), common::quoted_arg(message), common::number(since)});
+  if (!call.ok || command.size() + call.raw_length > kNotifierCommandMax) return 0;
+  command += call.text;
   return command.size();
 }
 
@@ -190,9 +186,10 @@ std::size_t append_limit_report(std::string& command, const ClientRecord& record
   return append_notifier_call(command, kEventClientLimit, message, record.pending_since);
 }
 
-std::string client_limit_alert_command(std::string_view ssid, int limit) {
-  return common::format("logger -t ALERT \"[%s] reached maximum (%d) no. of associated clients\"",
-                        common::shell_dq(ssid).c_str(), limit);
+std::optional<std::string> client_limit_alert_command(std::string_view ssid, int limit) {
+  return common::build_command(
+      common::kNoLimit, "logger -t ALERT \"[{}] reached maximum ({}) no. of associated clients\"",
+      {common::in_quotes(ssid), common::number(limit)});
 }
 
 NotifierSources device_sources() {

@@ -85,6 +85,7 @@ std::size_t append_limit_report(std::string& command, const ClientRecord& record
                                 std::string_view ssid, std::string_view bssid, std::string& trace);
 
 // The logger alert for a VAP that reached its client limit.
-std::string client_limit_alert_command(std::string_view ssid, int limit);
+// nullopt (nothing runs) when the SSID holds a NUL.
+std::optional<std::string> client_limit_alert_command(std::string_view ssid, int limit);
 
 }  // namespace clients

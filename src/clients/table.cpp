@@ -10,6 +10,7 @@
 #include "common/clock.h"
 #include "common/driver.h"
 #include "common/iface.h"
+#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -145,8 +146,8 @@ int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view 
   }
   if (latest) return latest->ifindex;
 
-  auto output = common::run_command_read(
-      common::format("create_client_table %s | grep INTERFACE", common::shell_word(mac).c_str()));
+  auto output = common::run_command_read(common::build_command(
+      common::kNoLimit, "create_client_table {} | grep INTERFACE", {common::mac(mac)}));
   if (!output || output->empty()) return -1;
   std::string_view line = *output;
   line = line.substr(0, std::min(line.find('\n'), kQueryLineMax));

@@ -17,23 +17,6 @@ namespace {
 std::mutex g_recorder_mutex;
 const CommandRecorder* g_recorder = nullptr;
 
-bool is_safe_char(char c) {
-  if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return true;
-  switch (c) {
-    case '.': case '_': case ':': case '/': case '@': case '%':
-    case '+': case '=': case ',': case '-':
-      return true;
-    default:
-      return false;
-  }
-}
-
-bool all_safe(std::string_view value) {
-  for (char c : value)
-    if (!is_safe_char(c)) return false;
-  return true;
-}
-
 // Starts /bin/sh -c command; when out_fd is given the child's stdout is the
 // write end of a pipe whose read end is stored there.
 pid_t spawn_shell(const std::string& command, int* out_fd) {
@@ -112,27 +95,14 @@ std::optional<std::string> run_command_read(const std::string& command, std::siz
   return out;
 }
 
-std::string shell_word(std::string_view value) {
-  if (!value.empty() && all_safe(value)) return std::string(value);
-  std::string out = "'";
-  for (char c : value) {
-    if (c == '\'')
-      out += "'\\''";
-    else
-      out.push_back(c);
-  }
-  out.push_back('\'');
-  return out;
+int run_command(const std::optional<std::string>& command) {
+  return command ? run_command(*command) : -1;
 }
 
-std::string shell_dq(std::string_view value) {
-  if (all_safe(value)) return std::string(value);
-  std::string out;
-  for (char c : value) {
-    if (c == '\\' || c == '"' || c == '$' || c == '`') out.push_back('\\');
-    out.push_back(c);
-  }
-  return out;
+std::optional<std::string> run_command_read(const std::optional<std::string>& command,
+                                            std::size_t max_bytes) {
+  if (!command) return std::nullopt;
+  return run_command_read(*command, max_bytes);
 }
 
 void set_command_recorder(const CommandRecorder* recorder) {

@@ -2,9 +2,8 @@
 // /bin/sh -c, exactly like system(3) and popen(3) would, so that templates
 // with redirections and a trailing "&" behave as on the device.
 //
-// Every value inserted into a command text goes through shell_word() or
-// shell_dq() first: nothing from input, configuration or the air reaches the
-// shell unquoted.
+// Command texts with values are made only by the builder in
+// common/command.h; a command it refused (nullopt) is not run.
 #pragma once
 
 #include <functional>
@@ -24,13 +23,18 @@ int run_command(const std::string& command);
 std::optional<std::string> run_command_read(const std::string& command,
                                             std::size_t max_bytes = 65536);
 
-// A value made only of A-Za-z0-9._:/@%+=,- comes back as it is; anything
-// else comes back single-quoted for a bare word ('' for an empty value).
-std::string shell_word(std::string_view value);
+// A fixed command text of the program.
+inline int run_command(const char* literal) { return run_command(std::string(literal)); }
+inline std::optional<std::string> run_command_read(const char* literal,
+                                                   std::size_t max_bytes = 65536) {
+  return run_command_read(std::string(literal), max_bytes);
+}
 
-// For a value that the template already puts inside double quotes: the
-// same safe set as it is; otherwise \ " $ ` are backslash-escaped.
-std::string shell_dq(std::string_view value);
+// The same for a built command: a refused one (nullopt) runs nothing and
+// gives -1 / nullopt.
+int run_command(const std::optional<std::string>& command);
+std::optional<std::string> run_command_read(const std::optional<std::string>& command,
+                                            std::size_t max_bytes = 65536);
 
 // Unit tests only: while a recorder is installed, commands are recorded
 // instead of run. run_command returns 0; run_command_read returns what

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "common/command.h"
 #include "common/driver.h"
 #include "common/iface.h"
 #include "common/runner.h"
@@ -51,9 +52,10 @@ std::string wlan_value(const taglist* list, int ath, const char* name) {
   return get_wlan_config_masterconf(list, kWlanValueMax, ath, name).value_or(std::string());
 }
 
-int portal_route(const char* verb, std::string_view destination, int bridge) {
-  return common::run_command(common::format_cut(127, "ip ro %s %s dev br%d table rt_portal", verb,
-                                                common::shell_word(destination).c_str(), bridge));
+int portal_route(common::Template verb, std::string_view destination, int bridge) {
+  return common::run_command(common::build_command(
+      127, "ip ro {} {} dev br{} table rt_portal",
+      {common::constant(verb), common::address(destination), common::number(bridge)}));
 }
 
 }  // namespace

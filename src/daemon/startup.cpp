@@ -11,6 +11,7 @@
 
 #include "clients/files.h"
 #include "clients/table.h"
+#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/taglist.h"
@@ -94,7 +95,8 @@ LoopSources start_daemon(DaemonContext& ctx) {
 
   common::run_command("killall iwevent");
   common::run_command("killall -9 iwevent");
-  common::run_command(common::format_cut(255, "iwevent >> %s 2>&1 &", kIweventPipePath));
+  common::run_command(
+      common::build_command(255, "iwevent >> {} 2>&1 &", {common::path(kIweventPipePath)}));
 
   sources.iwevent_pipe = open_pipe_or_exit(kIweventPipePath);
   sources.event_pipe = open_pipe_or_exit(kEventPipePath);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "common/mac.h"
+#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 
@@ -165,19 +166,19 @@ std::string request_file_path(std::string_view hex_mac, int ath) {
   return common::format("%s/radc-%s-%d", g_request_dir.c_str(), hex.c_str(), ath);
 }
 
-std::string radclient_command(std::string_view host, int port, std::string_view secret,
-                              std::string_view request_file) {
+std::optional<std::string> radclient_command(std::string_view host, int port,
+                                             std::string_view secret,
+                                             std::string_view request_file) {
   // -x: FreeRADIUS 3's radclient prints the reply's attributes (and with
   // them the tunnel attributes that carry the VLAN) only in this mode.
-  return common::format_cut(kRadclientMax, "radclient -x -r 1 %s:%d auth %s -f %s",
-                            common::shell_word(host).c_str(), port,
-                            common::shell_word(secret).c_str(),
-                            common::shell_word(request_file).c_str());
+  return common::build_command(kRadclientMax, "radclient -x -r 1 {}:{} auth {} -f {}",
+                               {common::host(host), common::port(port), common::word(secret),
+                                common::path(request_file)});
 }
 
-std::string authresp_command(int ath, std::string_view mac, int code) {
-  return common::format_cut(kAuthrespMax, "iwpriv ath%d oem_priv wr:authresp=%s,%d", ath,
-                            common::shell_word(mac).c_str(), code);
+std::optional<std::string> authresp_command(int ath, std::string_view mac, int code) {
+  return common::build_command(kAuthrespMax, "iwpriv ath{} oem_priv wr:authresp={},{}",
+                               {common::number(ath), common::mac(mac), common::number(code)});
 }
 
 std::string_view radius_reply_section(std::string_view output) {

@@ -68,14 +68,17 @@ std::string request_file_path(std::string_view hex_mac, int ath);
 // no worker runs.
 void set_request_dir_for_tests(std::string_view dir);
 
-// "radclient -x -r 1 <host>:<port> auth <secret> -f <file>", cut to 255
-// characters; host and secret are quoted for the shell when not plain.
-std::string radclient_command(std::string_view host, int port, std::string_view secret,
-                              std::string_view request_file);
+// "radclient -x -r 1 <host>:<port> auth <secret> -f <file>"; nullopt (no
+// query) when the host is not an address or host name, the port not
+// 1..65535, the secret would be read as an option, or the command with
+// its values unquoted exceeds 255 characters.
+std::optional<std::string> radclient_command(std::string_view host, int port,
+                                             std::string_view secret,
+                                             std::string_view request_file);
 
-// "iwpriv ath<ath> oem_priv wr:authresp=<mac>,<code>", cut to 127
-// characters; the MAC is quoted for the shell when not plain.
-std::string authresp_command(int ath, std::string_view mac, int code);
+// "iwpriv ath<ath> oem_priv wr:authresp=<mac>,<code>"; nullopt when the MAC
+// is not one or the command exceeds 127 characters.
+std::optional<std::string> authresp_command(int ath, std::string_view mac, int code);
 
 // The part of radclient's output that describes the answer: from the first
 // line that begins with "Received " on (radclient -x echoes the request,

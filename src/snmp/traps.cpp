@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -36,35 +37,40 @@ constexpr std::size_t kVarbindsMax = 1023;
 // joined by blanks. Text values go in as one shell word each.
 struct Varbinds {
   const std::string& prefix;
-  std::string text;
+  common::CommandText text;
 
   void separate() {
-    if (!text.empty()) text.push_back(' ');
+    if (!text.text.empty()) common::append(text, " ", {});
   }
-  void add_text(const char* suffix, std::string_view value) {
+  void add_text(common::Template suffix, std::string_view value) {
     separate();
-    text += common::format("%s%s s %s", prefix.c_str(), suffix, common::shell_word(value).c_str());
+    common::append(text, "{}{} s {}",
+                   {common::word(prefix), common::constant(suffix), common::word(value)});
   }
-  void add_int(const char* suffix, std::int32_t value) {
+  void add_int(common::Template suffix, std::int32_t value) {
     separate();
-    text += common::format("%s%s i %d", prefix.c_str(), suffix, value);
+    common::append(text, "{}{} i {}",
+                   {common::word(prefix), common::constant(suffix), common::number(value)});
   }
   // A text that the command line carries inside double quotes.
-  void add_quoted_text(const char* suffix, std::string_view value) {
+  void add_quoted_text(common::Template suffix, std::string_view value) {
     separate();
-    text +=
-        common::format("%s%s s \"%s\"", prefix.c_str(), suffix, common::shell_dq(value).c_str());
+    common::append(text, "{}{} s \"{}\"",
+                   {common::word(prefix), common::constant(suffix), common::quoted_arg(value)});
   }
 };
 
-int send_trap(const EventConfig& config, const char* trap_suffix, const Varbinds& varbinds) {
-  std::string oid = common::format("%s%s", config.oid_prefix.c_str(), trap_suffix);
-  return send_snmptrap_event(config, oid, common::cut(varbinds.text, kVarbindsMax));
+int send_trap(const EventConfig& config, common::Template trap_suffix, const Varbinds& varbinds) {
+  std::string oid = config.oid_prefix + trap_suffix.text;
+  // The varbind text has a 1024-byte buffer: a longer one is not sent.
+  if (!common::finish(varbinds.text, kVarbindsMax)) return 0;
+  return send_snmptrap_event(config, oid, varbinds.text);
 }
 
 // Shared shape of traps 5, 6 and 7: two texts and an integer.
-int send_text_text_int(const EventConfig& config, const VlanFailureTrapInfo& info, const char* trap,
-                       const char* first, const char* second, const char* third) {
+int send_text_text_int(const EventConfig& config, const VlanFailureTrapInfo& info,
+                       common::Template trap, common::Template first, common::Template second,
+                       common::Template third) {
   Varbinds v{config.oid_prefix, {}};
   v.add_text(first, common::cut(info.mac, kMacField));
   v.add_text(second, common::cut(info.ssid, kSsidField));
@@ -129,13 +135,14 @@ int check_event_config(EventConfig* config) {
 }
 
 int send_snmptrap_event(const EventConfig& config, std::string_view trap_oid,
-                        std::string_view varbinds) {
-  std::string oid(trap_oid);
-  std::string vars(varbinds);
-  common::run_command(common::format(
-      "%s -v %s -c %s %s \"\" %s %s", kSnmptrapPath, common::shell_word(config.version).c_str(),
-      common::shell_word(config.community).c_str(), common::shell_word(config.receiver).c_str(),
-      common::shell_word(oid).c_str(), vars.c_str()));
+                        const common::CommandText& varbinds) {
+  // The receiver is an address or host name with an optional port; a
+  // community or receiver that snmptrap would read as an option refuses
+  // the trap.
+  common::run_command(common::build_command(
+      common::kNoLimit, "{} -v {} -c {} {} \"\" {} {}",
+      {common::path(kSnmptrapPath), common::word(config.version), common::word(config.community),
+       common::host_port(config.receiver), common::word(trap_oid), common::part(varbinds)}));
   return 0;
 }
 

@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/command.h"
 #include "snmp/event_config.h"
 
 namespace daemon_core {
@@ -48,10 +49,11 @@ std::unique_ptr<EventConfig> get_event_config();
 int check_event_config(EventConfig* config);
 
 // Runs "/usr/sbin/snmptrap -v <version> -c <community> <receiver> "" <oid>
-// <varbinds>". The varbind text is inserted as it stands: the senders
-// quote its values. Always 0.
+// <varbinds>", the varbinds built by the builder. Nothing runs when the
+// community or OID would be read as an option, the receiver is not
+// "<address or host>[:<port>]", or a value holds a NUL. Always 0.
 int send_snmptrap_event(const EventConfig& config, std::string_view trap_oid,
-                        std::string_view varbinds);
+                        const common::CommandText& varbinds);
 
 // Trap 1. numbers: the neighbour line's 8th number, the radio band, its 1st,
 // 2nd, 4th and 10th numbers. bssid is cut to 17 characters, ssid to 33.

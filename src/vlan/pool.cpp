@@ -155,10 +155,11 @@ std::string forward_output_interface(std::string_view bridge, int vlan_id) {
   return common::format_cut(kOutputInterfaceMax, "%s.%d", std::string(bridge).c_str(), vlan_id);
 }
 
-std::string forward_drop_command(std::string_view verb, int ath, std::string_view out_if) {
-  return common::format_cut(kCommandMax,
-                            "/sbin/ebtables -t filter %s FORWARD -p ! 802_1Q -i ath%d -o %s -j DROP",
-                            std::string(verb).c_str(), ath, common::shell_word(out_if).c_str());
+std::optional<std::string> forward_drop_command(common::Template verb, int ath,
+                                                std::string_view out_if) {
+  return common::build_command(
+      kCommandMax, "/sbin/ebtables -t filter {} FORWARD -p ! 802_1Q -i ath{} -o {} -j DROP",
+      {common::constant(verb), common::number(ath), common::device(out_if)});
 }
 
 int update_vlan_pool(daemon_core::DaemonContext& ctx) {

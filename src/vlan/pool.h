@@ -4,11 +4,13 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "clients/record.h"
+#include "common/command.h"
 
 namespace daemon_core {
 struct DaemonContext;
@@ -45,7 +47,8 @@ int dynamic_vlan_mode(std::string_view value);
 // characters.
 std::string forward_output_interface(std::string_view bridge, int vlan_id);
 // "/sbin/ebtables -t filter <verb> FORWARD -p ! 802_1Q -i ath<ath> -o <out>
-//  -j DROP"; verb "-D" or "-I".
-std::string forward_drop_command(std::string_view verb, int ath, std::string_view out_if);
+//  -j DROP"; verb "-D" or "-I". nullopt when out is not a device name.
+std::optional<std::string> forward_drop_command(common::Template verb, int ath,
+                                                std::string_view out_if);
 
 }  // namespace vlan

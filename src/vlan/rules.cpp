@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 
+#include "common/command.h"
 #include "common/files.h"
 #include "common/mac.h"
 #include "common/runner.h"
@@ -63,17 +64,6 @@ int open_store_for_append(const std::string& path) {
   return fd;
 }
 
-bool is_word_char(char c) {
-  if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return true;
-  switch (c) {
-    case '.': case '_': case ':': case '/': case '@': case '%':
-    case '+': case '=': case ',': case '-': case ' ': case '!':
-      return true;
-    default:
-      return false;
-  }
-}
-
 }  // namespace
 
 int insert_ebtables_kernel_module() {
@@ -89,23 +79,21 @@ bool is_rule_store_name(std::string_view name) {
   return !name.empty() && common::canonical_mac(name) == name;
 }
 
-std::string sta_vlan_upstream_rule(int ath, std::string_view mac, int vlan) {
-  return common::format_cut(
-      kRuleMax, "-p ! 0x888e -i ath%d -s %s -j svlan --setvlan %d --setvlan-target ACCEPT", ath,
-      common::shell_word(mac).c_str(), vlan);
+std::optional<std::string> sta_vlan_upstream_rule(int ath, std::string_view mac, int vlan) {
+  return common::build_command(
+      kRuleMax, "-p ! 0x888e -i ath{} -s {} -j svlan --setvlan {} --setvlan-target ACCEPT",
+      {common::number(ath), common::mac(mac), common::number(vlan)});
 }
 
-std::string sta_vlan_downstream_rule(std::string_view bridge, std::string_view mac,
-                                     int wlan_vlan, int untag_vlan) {
-  const std::string bridge_word = common::shell_word(bridge);
-  const std::string mac_word = common::shell_word(mac);
+std::optional<std::string> sta_vlan_downstream_rule(std::string_view bridge, std::string_view mac,
+                                                    int wlan_vlan, int untag_vlan) {
   if (wlan_vlan != 0 && wlan_vlan != untag_vlan)
-    return common::format_cut(
-        kRuleMax, "-p ! 0x888e -i %s -d %s -j svlan --setvlan %d --setvlan-target DROP",
-        bridge_word.c_str(), mac_word.c_str(), wlan_vlan);
-  return common::format_cut(
-      kRuleMax, "-p ! 0x888e -i %s -d %s -j svlan --setvlan %d --setvlan-target ACCEPT",
-      bridge_word.c_str(), mac_word.c_str(), kUntaggedSvlan);
+    return common::build_command(
+        kRuleMax, "-p ! 0x888e -i {} -d {} -j svlan --setvlan {} --setvlan-target DROP",
+        {common::device(bridge), common::mac(mac), common::number(wlan_vlan)});
+  return common::build_command(
+      kRuleMax, "-p ! 0x888e -i {} -d {} -j svlan --setvlan {} --setvlan-target ACCEPT",
+      {common::device(bridge), common::mac(mac), common::number(kUntaggedSvlan)});
 }
 
 std::vector<std::string> stored_rule_lines(std::string_view content) {
@@ -124,32 +112,37 @@ std::vector<std::string> stored_rule_lines(std::string_view content) {
 }
 
 bool is_replayable_rule(std::string_view line) {
-  bool quoted = false;
-  for (char c : line) {
-    if (c == '\'') {
-      quoted = !quoted;
-    } else if (!is_word_char(c)) {
-      return false;
-    }
-  }
-  return !quoted;
+  return common::rule_words(line).kind != common::ArgKind::kInvalid;
 }
 
-int run_background_tool(std::string_view command) {
-  return common::run_command(
-      common::format_cut(kBackgroundMax, "/sbin/%s &", std::string(command).c_str()));
+int run_background_tool(const common::CommandText& command) {
+  common::CommandText background;
+  common::append(background, "/sbin/{} &", {common::part(command)});
+  return common::run_command(common::finish(background, kBackgroundMax));
 }
 
-int ebt_rule_store_add(std::string_view name, std::string_view rule) {
+namespace {
+
+// "ebtables -t broute <verb> BROUTING <rule>" in the background, when the
+// rule holds only words and the command fits in 127 characters.
+void run_broute_rule(common::Template tmpl, std::string_view rule) {
+  common::CommandText command;
+  common::append(command, tmpl, {common::rule_words(rule)});
+  if (common::finish(command, kRuleMax)) run_background_tool(command);
+}
+
+}  // namespace
+
+int ebt_rule_store_add(std::string_view name, const std::optional<std::string>& rule) {
+  if (!rule || !is_replayable_rule(*rule)) return -1;
   if (!is_rule_store_name(name) || !claim_store_dir()) return -1;
   int fd = open_store_for_append(store_path(name));
   if (fd < 0) return -1;
-  std::string line(rule);
+  std::string line(*rule);
   line.push_back('\n');
   common::write_all(fd, line);
   ::close(fd);
-  run_background_tool(common::format_cut(kRuleMax, "ebtables -t broute -I BROUTING %s",
-                                         std::string(rule).c_str()));
+  run_broute_rule("ebtables -t broute -I BROUTING {}", *rule);
   return 0;
 }
 
@@ -162,9 +155,7 @@ int ebt_rule_store_flush(std::string_view name, int remove) {
     for (const auto& body : stored_rule_lines(*content)) {
       // The file sits under /tmp: a line we could not have written is not
       // handed to the shell.
-      if (!is_replayable_rule(body)) continue;
-      run_background_tool(
-          common::format_cut(kRuleMax, "ebtables -t broute -D BROUTING %s", body.c_str()));
+      run_broute_rule("ebtables -t broute -D BROUTING {}", body);
     }
   }
   ::unlink(path.c_str());

@@ -7,11 +7,13 @@
 // may run concurrently for different stations.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "clients/record.h"
+#include "common/command.h"
 
 namespace daemon_core {
 struct DaemonContext;
@@ -28,8 +30,9 @@ int insert_ebtables_kernel_module();
 
 // Appends the rule body to the station's file and inserts it in the broute
 // BROUTING chain (in the background). -1 when the name is not a canonical
-// MAC or the file cannot be opened (nothing is inserted); else 0.
-int ebt_rule_store_add(std::string_view name, std::string_view rule);
+// MAC, the rule is nullopt or not made of words only, or the file cannot
+// be opened (nothing is inserted); else 0.
+int ebt_rule_store_add(std::string_view name, const std::optional<std::string>& rule);
 
 // Deletes the station's stored rules from the chain (when remove is set)
 // and deletes the file. -1 when the name is not a canonical MAC or the
@@ -51,27 +54,29 @@ void handle_sta_vlan_update(daemon_core::DaemonContext& ctx, clients::ClientReco
 // result of the flush. Main thread.
 int remove_sta_vlan_pool(daemon_core::DaemonContext& ctx, clients::ClientRecord& record);
 
-// Runs "/sbin/<command> &" (cut to 255 characters); the wait status of the
-// shell.
-int run_background_tool(std::string_view command);
+// Runs "/sbin/<command> &" (nothing when longer than 255 characters); the
+// wait status of the shell, -1 when not run.
+int run_background_tool(const common::CommandText& command);
 
 // --- pure parts
 // A store file is named by a canonical (lower-case, 17-character) MAC only.
 bool is_rule_store_name(std::string_view name);
 // "-p ! 0x888e -i ath<ath> -s <mac> -j svlan --setvlan <vlan>
-//  --setvlan-target ACCEPT", cut to 127 characters.
-std::string sta_vlan_upstream_rule(int ath, std::string_view mac, int vlan);
+//  --setvlan-target ACCEPT"; nullopt when the MAC is not one or the rule
+//  would not fit in 127 characters.
+std::optional<std::string> sta_vlan_upstream_rule(int ath, std::string_view mac, int vlan);
 // The DROP rule tagging with wlan_vlan when it is set and not the untagged
-// VLAN; else the ACCEPT rule with VLAN 4096. Cut to 127 characters.
-std::string sta_vlan_downstream_rule(std::string_view bridge, std::string_view mac,
-                                     int wlan_vlan, int untag_vlan);
+// VLAN; else the ACCEPT rule with VLAN 4096. nullopt as above, or when
+// the bridge is not a device name.
+std::optional<std::string> sta_vlan_downstream_rule(std::string_view bridge, std::string_view mac,
+                                                    int wlan_vlan, int untag_vlan);
 // The rule bodies of a store file as the flush reads them: pieces of at
 // most 127 characters up to and including a line break, each with its last
 // character cut.
 std::vector<std::string> stored_rule_lines(std::string_view content);
 // A stored line is handed back to the shell only when it can hold nothing
-// but words: the quoting-safe characters, blanks, '!' and single quotes
-// around such text.
+// but words: the quoting-safe characters, blanks, '!' and balanced
+// single-quoted text (the builder's own quoting).
 bool is_replayable_rule(std::string_view line);
 
 }  // namespace vlan

@@ -68,8 +68,11 @@ TEST(BandwidthCommands, OneDirectionOnlyAndQuotedDevices) {
   auto up_only = block_for(2, 3, 1, 128, -1);
   EXPECT_EQ(bandwidth::traffic_control_commands("add", up_only, 0, "eth0").size(), 6u);
   EXPECT_EQ(bandwidth::mark_rule_commands("-A", 2, kStation, up_only),
-            std::vector<std::string>{bandwidth::mark_rule_command("-A", 0, 2, kStation, 0x42)});
-  EXPECT_NE(bandwidth::tc_filter_command("add", "$(id)", 1, 2).find("dev '$(id)' "), std::string::npos);
+            std::vector<std::string>{*bandwidth::mark_rule_command("-A", 0, 2, kStation, 0x42)});
+  EXPECT_NE(bandwidth::tc_filter_command("add", "$(id)", 1, 2)->find("dev '$(id)' "), std::string::npos);
+  // A device that would be an option or a station that is no MAC: the whole set is left out.
+  EXPECT_TRUE(bandwidth::traffic_control_commands("add", up_only, 0, "-x").empty());
+  EXPECT_TRUE(bandwidth::mark_rule_commands("-A", 2, "-h", up_only).empty());
 }
 
 TEST(BandwidthCommands, TunnelCarriesTheUpstreamSide) {

@@ -28,19 +28,6 @@ TEST(ValidMac, CanonicalisesOrRejects) {
   }
 }
 
-TEST(ShellQuoting, QuotedForTheirPlaceAndReachTheShellIntact) {
-  const std::pair<const char*, const char*> words[] = {
-      {"00:11:22:33:44:55", "00:11:22:33:44:55"}, {"a.b_c/d@e%f+g=h,i-j", "a.b_c/d@e%f+g=h,i-j"},
-      {"my net", "'my net'"}, {"it's", "'it'\\''s'"}, {"", "''"}};
-  for (const auto& [in, want] : words) EXPECT_EQ(common::shell_word(in), want);
-  EXPECT_EQ(common::shell_dq("Office-5G"), "Office-5G");
-  EXPECT_EQ(common::shell_dq("a \"b\" $(c) `d` \\e"), "a \\\"b\\\" \\$(c) \\`d\\` \\\\e");
-
-  const std::string nasty = "x'; touch /nonexistent/pwned; echo '$(id)`id`\"\\";
-  EXPECT_EQ(common::run_command_read("printf '%s' " + common::shell_word(nasty)), nasty);
-  EXPECT_EQ(common::run_command_read("printf '%s' \"" + common::shell_dq(nasty) + "\""), nasty);
-}
-
 TEST(Runner, WaitStatusCutOutputAndOwnFormat) {
   EXPECT_EQ(common::run_command("exit 3"), 3 << 8);
   EXPECT_EQ(common::run_command_read("echo one; echo two", 6), "one\ntw");

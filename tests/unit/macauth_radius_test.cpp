@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <tuple>
 #include <string>
 
 #include "macauth/acl_table.h"
@@ -44,9 +45,16 @@ TEST(MacAuthText, RequestAndRadclientCommand) {
   // A request that does not fit is not written at all rather than cut.
   request.ssid = std::string(2000, 's');
   EXPECT_EQ(build_radius_request(request), "");
-  EXPECT_EQ(radclient_command("h;x", 1812, "a b'c", "/tmp/f"),
-            "radclient -x -r 1 'h;x':1812 auth 'a b'\\''c' -f /tmp/f");
-  EXPECT_EQ(radclient_command("h", 1, std::string(300, 'k'), "/tmp/f").size(), kRadclientMax);
+  EXPECT_EQ(radclient_command("10.0.0.2", 1812, "a b'c", "/tmp/f"),
+            "radclient -x -r 1 10.0.0.2:1812 auth 'a b'\\''c' -f /tmp/f");
+  // Options, bad hosts and ports, and a command that would not fit are refused, never cut.
+  for (const auto& [host, port, secret] :
+       {std::tuple{"h;x", 1812, "s"}, std::tuple{"-h", 1812, "s"}, std::tuple{"h", 0, "s"},
+        std::tuple{"h", 1812, "-x"}})
+    EXPECT_EQ(radclient_command(host, port, secret, "/tmp/f"), std::nullopt) << host << secret;
+  const std::size_t fits = kRadclientMax - std::string("radclient -x -r 1 h:1 auth  -f /tmp/f").size();
+  EXPECT_TRUE(radclient_command("h", 1, std::string(fits - 1, ' ') + "'", "/tmp/f").has_value());
+  EXPECT_EQ(radclient_command("h", 1, std::string(fits + 1, 'k'), "/tmp/f"), std::nullopt);
 }
 
 // What FreeRADIUS 3's radclient -x prints: the request first, then the answer.

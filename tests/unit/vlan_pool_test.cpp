@@ -68,8 +68,9 @@ TEST(VlanPoolSettings, DynamicModeAndForwardInterface) {
   EXPECT_EQ(vlan::forward_output_interface("br0", 0), "br0");
   EXPECT_EQ(vlan::forward_output_interface("br0", -1), "br0.-1");
   EXPECT_EQ(vlan::forward_output_interface("bridge0", 1234), "bridge0.1");
-  EXPECT_EQ(vlan::forward_drop_command("-I", 0, "a b"),
-            "/sbin/ebtables -t filter -I FORWARD -p ! 802_1Q -i ath0 -o 'a b' -j DROP");
+  EXPECT_EQ(vlan::forward_drop_command("-I", 0, "a$b"),
+            "/sbin/ebtables -t filter -I FORWARD -p ! 802_1Q -i ath0 -o 'a$b' -j DROP");
+  EXPECT_EQ(vlan::forward_drop_command("-I", 0, "-o"), std::nullopt);
 }
 
 TEST(VlanRules, DownstreamTargetAndCut) {
@@ -80,7 +81,9 @@ TEST(VlanRules, DownstreamTargetAndCut) {
     EXPECT_EQ(vlan::sta_vlan_downstream_rule("br0", kStation, c.wlan_vlan, c.untag),
               std::string("-p ! 0x888e -i br0 -d 00:11:22:33:44:55 -j svlan ") + c.tail)
         << c.wlan_vlan << "/" << c.untag;
-  EXPECT_EQ(vlan::sta_vlan_downstream_rule(std::string(200, 'b'), kStation, 0, 0).size(), 127u);
+  for (const std::string& bad : {std::string(200, 'b'), std::string("-x"), std::string("a b")})
+    EXPECT_EQ(vlan::sta_vlan_downstream_rule(bad, kStation, 0, 0), std::nullopt) << bad;
+  EXPECT_EQ(vlan::sta_vlan_upstream_rule(0, "-h", 5), std::nullopt);
 }
 
 TEST(VlanRules, StoreNamesAndReplayedRulesArePlain) {
@@ -93,7 +96,7 @@ TEST(VlanRules, StoreNamesAndReplayedRulesArePlain) {
   }
   EXPECT_TRUE(rec.commands.empty());
   EXPECT_TRUE(vlan::is_rule_store_name(kStation));
-  EXPECT_TRUE(vlan::is_replayable_rule(vlan::sta_vlan_downstream_rule("br 0", kStation, 5, 0)));
+  EXPECT_TRUE(vlan::is_replayable_rule(*vlan::sta_vlan_downstream_rule("br$0", kStation, 5, 0)));
   for (const char* bad : {"-i br0; reboot", "-i $(id)", "-i `id`", "-i 'br0", "-i br0\nreboot",
                           "-i br0 > /etc/passwd", "-i \"x\"", "-i br0 & x"})
     EXPECT_FALSE(vlan::is_replayable_rule(bad)) << bad;
