@@ -40,6 +40,8 @@ int ifindex_from_dev_lan_if(std::string_view name) {
 }  // namespace
 
 std::optional<ClientLine> parse_client_line(std::string_view line, IfindexOf ifindex_of) {
+  // A line is text: it ends at its first NUL.
+  line = line.substr(0, line.find('\0'));
   // The check lowers and cuts its text, so it runs on a copy: the address
   // and the interface are read from the line as it came.
   std::string mac(line);

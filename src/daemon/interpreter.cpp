@@ -374,6 +374,8 @@ std::string find_value(std::string_view line, std::string_view key, std::string_
 }
 
 void interpret_line(DaemonContext& ctx, std::string_view line) {
+  // A line is text: it ends at its first NUL, where a C reader would stop.
+  line = line.substr(0, line.find('\0'));
   neighbour_and_driver_events(ctx, line);
   if (!client_events(ctx, line)) control_commands(ctx, line);
 }

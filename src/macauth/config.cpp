@@ -91,9 +91,8 @@ void mac_auth_init(daemon_core::DaemonContext& ctx) {
     MacAuthState& state = ctx.macauth;
 
     state.wlan_acl = {};
-    // Workers of the previous generation still decrement when they end, so
-    // the count may stay below zero for a while.
-    state.active_workers = 0;
+    // The worker count is left alone: workers started before the reload
+    // still run and decrement it when they end, so at most 8 ever run.
     state.acl_cache_period = kDefaultCachePeriod;
     state.ap_name = read_value(conf, kApNameMax, "AP_NAME");
     std::string period = read_value(conf, kCachePeriodMax, "ACL_CACHE_PERIOD");

@@ -16,7 +16,8 @@ namespace macauth {
 
 // Rebuilds ctx.macauth from ctx.masterconf: AP name, cache period, default
 // and per-WLAN RADIUS servers, which WLANs use external MAC authentication.
-// Drops every cached and pending entry and resets the worker count. Runs
+// Drops every cached and pending entry; the count of running workers stays
+// (they still run and end). Runs
 // after vlan::update_vlan_pool (it reads the dynamic-VLAN modes).
 void mac_auth_init(daemon_core::DaemonContext& ctx);
 

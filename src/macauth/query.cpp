@@ -144,7 +144,8 @@ int run_query(daemon_core::DaemonContext& ctx, const AclQueryJob& job,
         radclient_command(server.host, server.auth_port, server.secret, path), kReplyMax + 1);
     code = 0;
     if (output && !output->empty()) {
-      reply = common::cut(*output, kReplyMax);
+      // The reply is text: it ends at its first NUL.
+      reply = common::cut(std::string_view(*output).substr(0, output->find('\0')), kReplyMax);
       code = parse_result_code(radius_reply_section(reply));
     }
     if (code == kCodeAccessAccept || code == kCodeAccessReject) break;
