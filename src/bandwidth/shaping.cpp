@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "common/command.h"
+#include "common/numbers.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -59,7 +60,7 @@ int configured_rate(const config::taglist* conf, int ath, int direction) {
       conf, kValueMax, ath,
       direction == 0 ? "CLIENT_BANDWIDTH_UPSTREAM" : "CLIENT_BANDWIDTH_DOWNSTREAM");
   if (!rate || rate->empty()) return 0;
-  return std::atoi(rate->c_str());
+  return common::scan_int(*rate, 0, kRateMax).value_or(0);
 }
 
 void reset_bandwidth(clients::BandwidthBlock& block) { block = clients::BandwidthBlock{}; }
@@ -121,7 +122,7 @@ int tunnel_number(const config::taglist* conf, int ath) {
   auto tunnel = config::get_config_masterconf(conf, kValueMax, "AP_L2TP%s_TUNNEL",
                                               profile->c_str());
   if (!tunnel || tunnel->rfind("enable", 0) != 0) return 0;
-  return std::atoi(profile->c_str());
+  return common::scan_int(*profile, 0, kL2tpProfileMax).value_or(0);
 }
 
 std::optional<std::string> tc_class_command(common::Template verb, std::string_view dev,

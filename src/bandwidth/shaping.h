@@ -46,6 +46,12 @@ std::string wan_device(const config::taglist* conf);
 void traffic_control_set(const config::taglist* conf, common::Template verb,
                          const clients::BandwidthBlock& block, int tunnel);
 
+// L2TP profile numbers are read in 0..65407, so that the tunnel's tc major
+// (profile + 128) stays within 16 bits; another number means no tunnel.
+inline constexpr int kL2tpProfileMax = 65407;
+// Rates are read in 0..10000000 kbit/s; another number means no rate.
+inline constexpr int kRateMax = 10000000;
+
 // The L2TP tunnel of the interface: the number of its "L2TP_PROFILE" when
 // "AP_L2TP<profile>_TUNNEL" begins with "enable"; 0 when none.
 int tunnel_number(const config::taglist* conf, int ath);

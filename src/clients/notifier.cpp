@@ -8,6 +8,7 @@
 #include "clients/table.h"
 #include "common/clock.h"
 #include "common/files.h"
+#include "common/numbers.h"
 #include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
@@ -38,11 +39,7 @@ const config::taglist* master_config(const ClientRecord& record) {
   return record.owner ? record.owner->masterconf.get() : nullptr;
 }
 
-std::optional<int> scan_int(const std::string& text) {
-  int value = 0;
-  if (std::sscanf(text.c_str(), "%d", &value) != 1) return std::nullopt;
-  return value;
-}
+std::optional<int> scan_int(const std::string& text) { return common::scan_int(text); }
 
 std::optional<int> read_vap_limit(const ClientRecord& record) {
   std::string line =
@@ -65,7 +62,7 @@ void check_radio_limit(const ClientRecord& record) {
   if (!prefix) return;
   auto limit_text = config::get_config_masterconf(master_config(record), kRadioLimitValueMax,
                                                   "%sAP_CLIENT_LIMIT", prefix->c_str());
-  const int limit = limit_text ? std::atoi(limit_text->c_str()) : 0;
+  const int limit = limit_text ? common::scan_int(*limit_text).value_or(0) : 0;
   if (limit < 1) return;
 
   auto ath_list =

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -11,6 +12,7 @@
 #include "clients/notifier.h"
 #include "clients/table.h"
 #include "common/clock.h"
+#include "common/numbers.h"
 #include "common/text.h"
 #include "config/accessors.h"
 #include "daemon/context.h"
@@ -33,18 +35,20 @@ std::uint32_t parse_address(std::string_view text) {
 // "%d %d" of the extra text; nullopt unless both values are there.
 std::optional<std::pair<int, int>> scan_rates(std::optional<std::string_view> extra) {
   if (!extra) return std::nullopt;
-  std::string copy(*extra);
-  int up = 0, down = 0;
-  if (std::sscanf(copy.c_str(), "%d %d", &up, &down) < 2) return std::nullopt;
-  return std::make_pair(up, down);
+  // Each number as "%d" reads it, in a checked range.
+  std::string_view text = *extra;
+  auto up = common::scan_int(text);
+  if (!up) return std::nullopt;
+  text.remove_prefix(std::min(text.find_first_of("0123456789") , text.size()));
+  text.remove_prefix(std::min(text.find_first_not_of("0123456789"), text.size()));
+  auto down = common::scan_int(text);
+  if (!down) return std::nullopt;
+  return std::make_pair(*up, *down);
 }
 
 std::optional<int> scan_vlan(std::optional<std::string_view> extra) {
   if (!extra) return std::nullopt;
-  std::string copy(*extra);
-  int vlan = 0;
-  if (std::sscanf(copy.c_str(), "%d", &vlan) != 1) return std::nullopt;
-  return vlan;
+  return common::scan_int(*extra);
 }
 
 void change_rates(daemon_core::DaemonContext& ctx, ClientRecord& rec, int ath,

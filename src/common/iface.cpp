@@ -1,6 +1,7 @@
 #include "common/iface.h"
 
 #include "common/files.h"
+#include "common/numbers.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -40,10 +41,7 @@ void read_interface_from_file(InterfaceTable& table) {
 int interface_index_in(const InterfaceTable& table, std::string_view name) {
   for (std::size_t i = 0; i < kInterfaceSlots; ++i)
     if (table[i] == name) return static_cast<int>(i);  // "" finds the first empty entry
-  std::string copy(name);
-  int number = 0;
-  if (std::sscanf(copy.c_str(), "ath%d", &number) == 1) return number;
-  return 0;
+  return scan_int_after(name, "ath", -kInterfaceNumberMax, kInterfaceNumberMax).value_or(0);
 }
 
 std::string interface_name_in(const InterfaceTable& table, int index) {

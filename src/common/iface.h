@@ -9,6 +9,10 @@
 
 namespace common {
 
+// Interface numbers of "athN" names are read in -255..255 (16 radios of 16
+// VAPs); a larger number counts as none.
+inline constexpr int kInterfaceNumberMax = 255;
+
 inline constexpr const char* kDevLanIfPath = "/etc/dev_lan_if";
 inline constexpr std::size_t kInterfaceSlots = 16;
 // Names longer than this are cut to it (the table holds 20-byte entries).

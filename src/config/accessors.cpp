@@ -9,6 +9,7 @@
 #include "common/command.h"
 #include "common/driver.h"
 #include "common/iface.h"
+#include "common/numbers.h"
 #include "common/runner.h"
 #include "common/text.h"
 
@@ -24,10 +25,9 @@ constexpr std::size_t kMasterKeyBuffer = 64;
 constexpr std::size_t kWlanValueMax = 127;
 constexpr std::size_t kRadioPrefixMax = 7;
 
-// atoi(): leading blanks, an optional sign, digits; 0 when there are none.
-int decimal_value(const std::string& text) {
-  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
-}
+// atoi(): leading blanks, an optional sign, digits; 0 when there are none
+// or the number is not an int.
+int decimal_value(const std::string& text) { return common::scan_int(text).value_or(0); }
 
 std::optional<int> status_number(const std::string& key) {
   auto value = get_wireless_status(key);
@@ -72,22 +72,31 @@ int get_radio_count() {
   int cached = g_radio_count.load();
   if (cached >= 0) return cached;
   int count = status_number("WIFI_COUNT").value_or(0);
-  if (count <= 0) count = 1;
+  // No device has more radios than kRadioCountMax: a larger count is not one.
+  if (count <= 0 || count > kRadioCountMax) count = 1;
   // Racing first callers read the same file and store the same value.
   g_radio_count.store(count);
   return count;
 }
 
 int get_wlan_id(int ath) {
+  if (ath < -common::kInterfaceNumberMax || ath > common::kInterfaceNumberMax) return 0;
   return status_number(common::format_cut(kStatusKeyMax, "ATH%d_WLANID", ath)).value_or(ath + 1);
 }
 
 int scan_ath_list(std::string_view text, std::span<int> out) {
-  std::string copy(text);
-  int numbers[4] = {};
-  int scanned =
-      std::sscanf(copy.c_str(), "%d %d %d %d", &numbers[0], &numbers[1], &numbers[2], &numbers[3]);
-  for (int i = 0; i < scanned && static_cast<std::size_t>(i) < out.size(); ++i) out[i] = numbers[i];
+  // "%d %d %d %d": up to four numbers, stopping at the first that is none;
+  // -1 (the scan's end of input) when there is nothing but blanks.
+  if (text.find_first_not_of(" \t\n\v\f\r") == std::string_view::npos) return -1;
+  int scanned = 0;
+  while (scanned < 4) {
+    auto number = common::scan_int(text);
+    if (!number) break;
+    if (static_cast<std::size_t>(scanned) < out.size()) out[static_cast<std::size_t>(scanned)] = *number;
+    ++scanned;
+    text.remove_prefix(std::min(text.find_first_of("0123456789"), text.size()));
+    text.remove_prefix(std::min(text.find_first_not_of("0123456789"), text.size()));
+  }
   return scanned;
 }
 
@@ -148,9 +157,7 @@ std::string get_wlan_ssid(const taglist* list, int ath) { return wlan_value(list
 
 int get_vlan_id(const taglist* list, int ath) {
   std::string value = wlan_value(list, ath, "VLANID");
-  int vlan = 0;
-  if (std::sscanf(value.c_str(), "%d", &vlan) != 1) return -1;
-  return vlan;
+  return common::scan_int(value).value_or(-1);
 }
 
 int is_wlan_portal_enabled(const taglist* list, int ath) {

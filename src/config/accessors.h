@@ -19,6 +19,9 @@
 
 namespace config {
 
+// No device has more radios: a larger "WIFI_COUNT" is taken as none (1).
+inline constexpr int kRadioCountMax = 16;
+
 inline constexpr const char* kWirelessStatusPath = "/var/run/wireless.status";
 inline constexpr const char* kWanStatusPath = "/etc/net/wan.status";
 inline constexpr const char* kMasterConfigPath = "/etc/masterconfig.apply";

@@ -20,6 +20,7 @@
 #include "common/files.h"
 #include "common/iface.h"
 #include "common/mac.h"
+#include "common/numbers.h"
 #include "common/text.h"
 #include "config/accessors.h"
 #include "macauth/macauth.h"
@@ -142,7 +143,9 @@ void report_rogue_ap(DaemonContext& ctx, std::string_view line) {
   const std::string bssid = find_value(line, "address", ":");
   const std::string radio_text = find_value(line, "wifi", "");
   if (radio_text.empty()) return;
-  const int radio = std::atoi(radio_text.c_str());
+  const auto radio_number = common::scan_int(radio_text, 0, config::kRadioCountMax - 1);
+  if (!radio_number) return;
+  const int radio = *radio_number;
   const std::string path = common::format("/proc/wifi%d/neighbor_ap", radio);
   common::FilePtr file(std::fopen(path.c_str(), "r"));
   if (!file) return;
@@ -171,7 +174,7 @@ void report_acl_discard(DaemonContext& ctx, std::string_view line) {
   if (!prefix) return;
   auto limit_text =
       config::get_config_masterconf(ctx.masterconf.get(), 31, "%sAP_CLIENT_LIMIT", prefix->c_str());
-  const int limit = limit_text ? std::atoi(limit_text->c_str()) : 0;
+  const int limit = limit_text ? common::scan_int(*limit_text).value_or(0) : 0;
   if (limit <= 0) return;
   const std::string sta = find_value(line, "sta", "=");
   const std::string bssid = find_value(line, "bssid", "=");
@@ -238,10 +241,7 @@ void mac_auth_request(DaemonContext& ctx, std::string_view line) {
 void remove_vap(DaemonContext& ctx, std::string_view line, std::size_t at) {
   int vap = -1;
   const std::size_t space = line.find(' ', at);
-  if (space != std::string_view::npos) {
-    std::string rest(line.substr(space));
-    std::sscanf(rest.c_str(), "%d", &vap);
-  }
+  if (space != std::string_view::npos) vap = common::scan_int(line.substr(space)).value_or(-1);
   if (vap < 0) return;
   for (int slot = 0; slot < clients::kClientSlots; ++slot) {
     clients::ClientRecord& rec = ctx.records[slot];
@@ -262,9 +262,11 @@ void remove_vap(DaemonContext& ctx, std::string_view line, std::size_t at) {
 void station_setting(DaemonContext& ctx, std::string_view line, int code, std::string_view word) {
   const std::size_t ath_at = line.find("ath");
   if (ath_at == std::string_view::npos) return;
-  int ath = 0;
-  std::string from_ath(line.substr(ath_at));
-  if (std::sscanf(from_ath.c_str(), "ath%d", &ath) != 1) return;
+  const auto ath_number = common::scan_int_after(line.substr(ath_at), "ath",
+                                                 -common::kInterfaceNumberMax,
+                                                 common::kInterfaceNumberMax);
+  if (!ath_number) return;
+  const int ath = *ath_number;
   const std::size_t space = line.find(' ', ath_at);
   if (space == std::string_view::npos) return;
   std::string_view rest = line.substr(space + 1);
@@ -306,18 +308,16 @@ void l2tp_update(DaemonContext& ctx, std::string_view line) {
   auto ifname = word_at(line, 1);
   auto state = word_at(line, 2);
   if (!ifname || !state) return;
-  int profile = 0;
-  std::string name(*ifname);
-  if (std::sscanf(name.c_str(), "bcp%d", &profile) == 1)
-    profile -= 50;
-  else
-    profile = 0;
+  // "bcp<profile + 50>"; a profile outside 0..kL2tpProfileMax is none (0).
+  const int profile =
+      common::scan_int_after(*ifname, "bcp", 50, 50 + bandwidth::kL2tpProfileMax).value_or(50) - 50;
   const bool up = *state == "up";
   const config::taglist* conf = ctx.masterconf.get();
   std::array<bool, kWlanCount> marked{};
   for (int i = 0; i < kWlanCount; ++i) {
     auto value = config::get_wlan_config_masterconf(conf, 128, i, "L2TP_PROFILE");
-    marked[i] = value && !value->empty() && *value != "0" && std::atoi(value->c_str()) == profile;
+    marked[i] = value && !value->empty() && *value != "0" &&
+                common::scan_int(*value).value_or(0) == profile;
   }
   for (int i = 0; i < kWlanCount; ++i) {
     if (!marked[i]) continue;

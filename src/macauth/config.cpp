@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "common/numbers.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
 #include "macauth/acl_table.h"
@@ -27,7 +28,13 @@ constexpr std::size_t kSwitchMax = 63;
 constexpr std::int32_t kDefaultCachePeriod = 20;
 constexpr int kDynamicDisable = 0;
 
-int decimal_value(const std::string& text) { return std::atoi(text.c_str()); }
+// atoi(), but 0 for a number that is not an int.
+int decimal_value(const std::string& text) { return common::scan_int(text).value_or(0); }
+
+// A port number; 0 (never asked) outside 1..65535.
+std::uint16_t port_value(const std::string& text) {
+  return static_cast<std::uint16_t>(common::scan_int(text, 1, 65535).value_or(0));
+}
 
 // A key's value (cut to length) when the key is present, else nullopt.
 // get_config_masterconf gives "" for a missing key and for an empty value
@@ -50,10 +57,10 @@ RadiusServer default_server(const config::taglist* conf, int n) {
   server.host = read_value(conf, kHostMax, common::format("RADIUS%d_HOST", n));
   server.valid = server.host.empty() ? 0 : 1;
   server.secret = read_value(conf, kSecretMax, common::format("RADIUS%d_SECRET", n));
-  server.auth_port = static_cast<std::uint16_t>(
-      decimal_value(read_value(conf, kNumberTextMax, common::format("RADIUS%d_AUTHPORT", n))));
-  server.acct_port = static_cast<std::uint16_t>(
-      decimal_value(read_value(conf, kNumberTextMax, common::format("RADIUS%d_ACCTPORT", n))));
+  server.auth_port =
+      port_value(read_value(conf, kNumberTextMax, common::format("RADIUS%d_AUTHPORT", n)));
+  server.acct_port =
+      port_value(read_value(conf, kNumberTextMax, common::format("RADIUS%d_ACCTPORT", n)));
   return server;
 }
 
@@ -72,10 +79,10 @@ RadiusServer wlan_server(const config::taglist* conf, int w, int n) {
   auto auth =
       read_present(conf, kNumberTextMax, common::format("WLAN%d_RADIUS%d_AUTHPORT", w, n));
   if (!auth) return server;
-  server.auth_port = static_cast<std::uint16_t>(decimal_value(*auth));
+  server.auth_port = port_value(*auth);
   auto acct =
       read_present(conf, kNumberTextMax, common::format("WLAN%d_RADIUS%d_ACCTPORT", w, n));
-  if (acct) server.acct_port = static_cast<std::uint16_t>(decimal_value(*acct));
+  if (acct) server.acct_port = port_value(*acct);
   return server;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "common/mac.h"
+#include "common/numbers.h"
 #include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
@@ -46,8 +47,7 @@ struct Scanner {
     std::size_t digits = pos;
     while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') ++pos;
     if (pos == digits) return std::nullopt;
-    std::string copy(text.substr(start, pos - start));
-    return static_cast<int>(std::strtol(copy.c_str(), nullptr, 10));
+    return common::scan_int(text.substr(start, pos - start));
   }
 };
 

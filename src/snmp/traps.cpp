@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "common/command.h"
+#include "common/numbers.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
@@ -208,8 +209,7 @@ void load_trap_settings(daemon_core::DaemonContext& ctx) {
   s.trap_receiver =
       common::cut(config::get_taglist_default(conf, "SNMP_TRAP1_IPADDR", ""), kTrapReceiverMax);
   std::string port(config::get_taglist_default(conf, "SNMP_TRAP1_PORT", ""));
-  int value = 0;
-  s.trap_port = std::sscanf(port.c_str(), "%d", &value) == 1 ? value : 162;
+  s.trap_port = common::scan_int(port, 1, 65535).value_or(162);
 
   std::printf("== trap enable: %d\n", s.trap_enabled);
   std::printf("== trap ip: %s\n", s.trap_receiver.c_str());

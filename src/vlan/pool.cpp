@@ -195,6 +195,8 @@ int update_vlan_pool(daemon_core::DaemonContext& ctx) {
 
     auto vlan_text = config::get_config_masterconf(conf, kValueMax, "WLAN%d_VLANID", w);
     int vlan_id = scan_decimal(vlan_text.value_or(std::string())).value_or(-1);
+    // A VLAN ID outside 0..4094 is none.
+    if (vlan_id < 0 || vlan_id >= kVlanLimit) vlan_id = -1;
     wlan.vlan_id = static_cast<std::int16_t>(vlan_id);
 
     auto dynamic = config::get_config_masterconf(conf, kValueMax, "WLAN%d_%s", w, "DYNAMIC_VLAN");
