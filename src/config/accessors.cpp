@@ -81,7 +81,10 @@ int get_radio_count() {
 
 int get_wlan_id(int ath) {
   if (ath < -common::kInterfaceNumberMax || ath > common::kInterfaceNumberMax) return 0;
-  return status_number(common::format_cut(kStatusKeyMax, "ATH%d_WLANID", ath)).value_or(ath + 1);
+  auto wlan = status_number(common::format_cut(kStatusKeyMax, "ATH%d_WLANID", ath));
+  if (!wlan) return ath + 1;
+  // No WLAN number is negative or above 255: such a value names none (0).
+  return *wlan >= 0 && *wlan <= common::kInterfaceNumberMax ? *wlan : 0;
 }
 
 int scan_ath_list(std::string_view text, std::span<int> out) {
@@ -108,11 +111,14 @@ int get_ath_id(int wlan, std::span<int> out) {
 }
 
 int get_radio_id(int ath) {
-  return status_number(common::format_cut(kStatusKeyMax, "ATH%d_RADIO", ath)).value_or(0);
+  const int radio = status_number(common::format_cut(kStatusKeyMax, "ATH%d_RADIO", ath)).value_or(0);
+  return radio >= 0 && radio < kRadioCountMax ? radio : 0;
 }
 
 int get_radio_id_by_wlan(int wlan) {
-  return status_number(common::format_cut(kStatusKeyMax, "WLAN%d_RADIO_LIST", wlan)).value_or(0);
+  const int radio =
+      status_number(common::format_cut(kStatusKeyMax, "WLAN%d_RADIO_LIST", wlan)).value_or(0);
+  return radio >= 0 && radio < kRadioCountMax ? radio : 0;
 }
 
 std::string get_radio_dev_name(int radio) {

@@ -32,6 +32,7 @@ std::optional<std::string> get_wireless_status(std::string_view key);
 // "WIFI_COUNT", read once per process; 1 when absent or not above 0.
 int get_radio_count();
 // "ATH%d_WLANID"; interface + 1 when absent.
+// A value outside 0..255 (or an interface number outside -255..255) gives 0.
 int get_wlan_id(int ath);
 // "WLAN%d_ATH_LIST" scanned as up to four numbers; fills out with at most
 // out.size() of them and returns the count scanned (0 when absent, -1 for an
@@ -44,7 +45,7 @@ int get_ath_id(int wlan, std::span<int> out);
 int scan_ath_list(std::string_view text, std::span<int> out);
 // "ATH%d_RADIO"; 0 when absent.
 int get_radio_id(int ath);
-// First number of "WLAN%d_RADIO_LIST"; 0 when absent.
+// First number of "WLAN%d_RADIO_LIST"; 0 when absent or not 0..15.
 int get_radio_id_by_wlan(int wlan);
 // "WIFI%d_DEV"; "wifi0" when absent.
 std::string get_radio_dev_name(int radio);
