@@ -38,10 +38,6 @@ std::string common_readfile_firstline(const std::string& path) {
   return std::string(buf);
 }
 
-int open_nofollow_for_write(const std::string& path, int flags) {
-  return ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | flags, 0644);
-}
-
 int replace_file_atomically(const std::string& destination, std::string_view content) {
   // The temporary file sits beside the destination so that rename() never
   // crosses a file system; readers see the old or the new file, never a part.

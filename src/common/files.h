@@ -27,11 +27,6 @@ int common_write_file(const std::string& path, std::string_view data);
 // kept. "" when the file cannot be opened.
 std::string common_readfile_firstline(const std::string& path);
 
-// Opens a fixed name (typically under /tmp) for writing without following a
-// symbolic link planted there: O_NOFOLLOW, created with mode 0644 when
-// missing. flags adds O_APPEND or O_TRUNC. -1 on failure.
-int open_nofollow_for_write(const std::string& path, int flags);
-
 // Replaces the destination whole with the given content: a temporary file
 // is written beside it (or under tmp_dir when that shares its file system)
 // and renamed onto it, mode 0600. 0 on success, -1 on failure (the old file
