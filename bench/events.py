@@ -1,0 +1,353 @@
+#!/usr/bin/python3
+"""What one event costs the real daemon, and how much memory it keeps.
+
+Drives build/clientmgr inside the end-to-end sandbox (tests/e2e/sandbox.py,
+run as root) and prints every figure as a ratio against its floor or its
+1-client value:
+
+  instructions  own instructions (callgrind, children not traced) of one
+                association, a re-association and [REFRESH_CLIENT_FILE] with
+                255 clients in the table vs 1
+  burst         256 stations associating as fast as the pipe takes them vs
+                running the same command texts through /bin/sh -c one after
+                another in the same sandbox (wall clock, median of --runs)
+  single        one association, "Registered" line in to the station in
+                /etc/clientip_assoc, vs the same floor (median of 5 x --runs)
+  memory        smaps_rollup Private_Dirty idle and with 256 clients
+  macauth       VmSize and Private_Dirty before and after 100 MAC-auth
+                requests (stubbed radclient)
+
+  /usr/bin/python3 bench/events.py [--build DIR] [--runs N] [FIGURE ...]
+
+Timings are medians; instruction counts are what to trust on a loaded
+machine. Speed and memory are never asserted in the tests.
+"""
+import argparse
+import glob
+import os
+import re
+import signal
+import statistics
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(REPO / "tests" / "e2e"))
+
+import sandbox as sandbox_lib  # noqa: E402
+from helpers_clients import STAMP, two_vaps  # noqa: E402
+
+CHUNK = 1023  # the daemon reads its pipes 1023 bytes at a time
+ACCEPT = "Received response ID 1, code 2, length = 20\n"
+
+
+def station(i):
+    return f"00:5e:00:00:{i >> 8:02x}:{i & 255:02x}"
+
+
+def registered(i, ath="ath0"):
+    return f"{STAMP}   {ath}     Registered node:{station(i)}\n"
+
+
+def auth_request(i):
+    return f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {station(i)}\n"
+
+
+def chunks(lines):
+    """Whole lines grouped into writes the daemon reads in one piece."""
+    out, cur = [], ""
+    for line in lines:
+        if len(cur) + len(line) > CHUNK:
+            out.append(cur)
+            cur = ""
+        cur += line
+    return out + [cur] if cur else out
+
+
+class Bench(sandbox_lib.Sandbox):
+    """A sandbox whose daemon may run under a wrapper (valgrind)."""
+
+    def __init__(self):
+        super().__init__()
+        # Pages of a freshly copied binary count as dirty until written back.
+        for path in (self.daemon_path, self.shim_path):
+            fd = os.open(path, os.O_RDONLY)
+            os.fsync(fd)
+            os.close(fd)
+
+    def start_wrapped(self, prefix, comm, timeout=5):
+        env = {"PATH": f"{self.root}/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+               "LD_PRELOAD": str(self.shim_path), "CLIENTMGR_SANDBOX": str(self.root), "HOME": "/root",
+               "LANG": "C"}
+        with open(self.root / "stdout", "wb") as out, open(self.root / "stderr", "wb") as err:
+            self._proc = subprocess.Popen(self._nsenter + ["--", "stdbuf", "-oL", *prefix, str(self.daemon_path)],
+                                          stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env, umask=0o022)
+        self.pid = None
+        deadline = time.monotonic() + 30
+        while self._proc.poll() is None and time.monotonic() < deadline and self.pid is None:
+            kids = sandbox_lib._children(self._proc.pid)
+            if kids and sandbox_lib._read(f"/proc/{kids[0]}/comm").strip().startswith(comm):
+                self.pid = kids[0]
+            time.sleep(0.01)
+        self.wait_idle(timeout)
+
+    def stop(self):
+        if self._proc is not None and self._proc.poll() is None:
+            os.kill(self.pid, signal.SIGTERM)
+            self._proc.wait(30)
+        self._proc = None
+
+    def restart(self):
+        self.stop()
+        self.start()
+
+    def ns_env(self):
+        return {"PATH": f"{self.root}/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LD_PRELOAD": str(self.shim_path),
+                "CLIENTMGR_SANDBOX": str(self.root), "HOME": "/root", "LANG": "C"}
+
+    def command_count(self):
+        with open(self.root / "commands.log") as f:
+            return sum(1 for _ in f)
+
+    def feed(self, pipe, lines, timeout=5):
+        """Writes the lines in whole-line pieces, each as soon as the pipe is
+        empty again, then waits until the daemon is idle."""
+        path = f"/proc/{self.pid}/root{pipe}"
+        for piece in chunks(lines):
+            while sandbox_lib._fifo_pending(path):
+                time.sleep(0.0002)
+            self.write_fifo(pipe, piece)
+        self.wait_idle(timeout)
+
+    def lines_in(self, path):
+        try:
+            return self.host_path(path).read_text().count("\n")
+        except FileNotFoundError:
+            return 0
+
+    def private(self):
+        """(Private_Dirty, Private_Clean + Private_Dirty, VmSize) in KiB."""
+        rollup = dict(re.findall(r"^(\w+):\s+(\d+) kB", Path(f"/proc/{self.pid}/smaps_rollup").read_text(), re.M))
+        status = dict(re.findall(r"^(\w+):\s+(\d+) kB", Path(f"/proc/{self.pid}/status").read_text(), re.M))
+        dirty = int(rollup["Private_Dirty"])
+        return dirty, dirty + int(rollup["Private_Clean"]), int(status["VmSize"])
+
+
+def new_bench():
+    sb = Bench()
+    two_vaps(sb)
+    return sb
+
+
+# ----- floor: the same command texts through /bin/sh -c, one after another
+
+FLOOR_DRIVER = r'''
+import os, sys, time
+texts = open(sys.argv[1]).read().split("\0")[:-1]
+log, expected, runs = sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
+env = {k: v for k, v in (a.split("=", 1) for a in sys.argv[5:])}
+def logged():
+    with open(log) as f:
+        return sum(1 for _ in f)
+times = []
+for _ in range(runs):
+    while logged() < expected:
+        time.sleep(0.001)
+    expected += len(texts) if sys.argv[3] != "0" else 0
+    t0 = time.monotonic()
+    for t in texts:
+        pid = os.posix_spawn("/bin/sh", ["sh", "-c", t], env)
+        os.waitpid(pid, 0)
+    if sys.argv[3] != "0":
+        while logged() < expected:
+            time.sleep(0.0005)
+    times.append(time.monotonic() - t0)
+    if sys.argv[3] == "0":
+        time.sleep(0.05)
+print(" ".join(map(str, times)))
+'''
+
+
+def floor_times(sb, texts, runs, wait_for_stubs):
+    """Seconds to run the texts through /bin/sh -c in the sandbox, runs times."""
+    (sb.root / "floor.py").write_text(FLOOR_DRIVER)
+    (sb.root / "floor.txt").write_text("".join(t + "\0" for t in texts))
+    expected = sb.command_count() if wait_for_stubs else 0
+    env = [f"{k}={v}" for k, v in sb.ns_env().items()]
+    out = sb.run_in_ns(["/usr/bin/python3", str(sb.root / "floor.py"), str(sb.root / "floor.txt"),
+                        str(sb.root / "commands.log"), str(expected), str(runs), *env], timeout=600).stdout
+    return [float(x) for x in out.split()]
+
+
+def command_texts(sb, since):
+    """The texts the daemon ran, as it prints them ("cmd: ...")."""
+    return [l[len("cmd: "):] for l in sb.stdout()[since:].splitlines() if l.startswith("cmd: ")]
+
+
+# ----- figures
+
+def callgrind_totals(pattern):
+    totals = {}
+    for f in glob.glob(pattern):
+        text = Path(f).read_text(errors="replace")
+        m = re.search(r"^(?:summary|totals):\s+(\d+)", text, re.M)
+        totals[f] = int(m[1]) if m else 0
+    return totals
+
+
+def instructions(args):
+    """Own instructions of one interpreter call per event, 255 clients vs 1."""
+    results = {}
+    for clients in (1, 255):
+        sb = new_bench()
+        try:
+            out = sb.root / "cg.out"
+            sb.start_wrapped(["valgrind", "--tool=callgrind", "--collect-atstart=no",
+                              "--toggle-collect=daemon_core::interpret_events*",
+                              # a dump after every interpreter call (wildcards do not work here)
+                              "--dump-after=daemon_core::interpret_events(daemon_core::DaemonContext&, int, int,"
+                              " fd_set const&)",
+                              f"--callgrind-out-file={out}.%p"], "callgrind", timeout=120)
+            sb.feed("/etc/iwevent_pipe", [registered(i) for i in range(1, clients)], timeout=600)
+
+            def one(pipe, text):
+                before = callgrind_totals(f"{out}.*")
+                sb.write_fifo(pipe, text)
+                sb.wait_idle(120)
+                after = callgrind_totals(f"{out}.*")
+                return sum(v for k, v in after.items() if k not in before)
+
+            row = {"association": one("/etc/iwevent_pipe", registered(0)),
+                   "re-association": one("/etc/iwevent_pipe", registered(1 if clients > 1 else 0)),
+                   "[REFRESH_CLIENT_FILE]": one("/etc/event_pipe", "[REFRESH_CLIENT_FILE]\n")}
+            assert sb.lines_in("/etc/clientip") == clients, sb.read("/etc/clientip")
+            results[clients] = row
+        finally:
+            sb.close()
+    for event in results[1]:
+        a, b = results[255][event], results[1][event]
+        print(f"instructions {event:24s} 255 clients {a / 1e3:9.1f} k / 1 client {b / 1e3:7.1f} k"
+              f" = {a / b:5.2f}x   (target <= 1.5x)")
+
+
+def burst(args):
+    """256 stations as fast as the pipe takes them vs the /bin/sh -c floor."""
+    sb = new_bench()
+    try:
+        daemon, floor = [], []
+        for _ in range(args.runs):
+            sb.restart()
+            since, base = len(sb.stdout()), sb.command_count()
+            lines = [registered(i) for i in range(256)]
+            path = f"/proc/{sb.pid}/root/etc/iwevent_pipe"
+            t0 = time.monotonic()
+            for piece in chunks(lines):
+                while sandbox_lib._fifo_pending(path):
+                    time.sleep(0.0002)
+                sb.write_fifo("/etc/iwevent_pipe", piece)
+            while sb.command_count() < base + 256 or sb.lines_in("/etc/clientip_assoc") < 256:
+                time.sleep(0.0005)
+            daemon.append(time.monotonic() - t0)
+            sb.wait_idle(30)
+            texts = command_texts(sb, since)
+            assert len(texts) == 256, len(texts)
+            floor += floor_times(sb, texts, 1, True)
+        d, f = statistics.median(daemon), statistics.median(floor)
+        print(f"burst        256 stations {d * 1e3:8.1f} ms / floor {f * 1e3:8.1f} ms = {d / f:5.2f}x"
+              f"   (target <= 1.2x; {args.runs} runs)")
+    finally:
+        sb.close()
+
+
+def single(args):
+    """One association: line in to the station in /etc/clientip_assoc."""
+    sb = new_bench()
+    try:
+        daemon, texts = [], []
+        runs = 5 * args.runs
+        for _ in range(runs):
+            sb.restart()
+            since = len(sb.stdout())
+            path = sb.host_path("/etc/clientip_assoc")
+            t0 = time.monotonic()
+            sb.write_fifo("/etc/iwevent_pipe", registered(0))
+            while True:
+                try:
+                    if station(0) in path.read_text():
+                        break
+                except FileNotFoundError:
+                    pass
+            daemon.append(time.monotonic() - t0)
+            sb.wait_idle()
+            texts = command_texts(sb, since)
+        floor = floor_times(sb, texts, runs, False)
+        d, f = statistics.median(daemon), statistics.median(floor)
+        print(f"single       one association {d * 1e3:6.2f} ms / floor {f * 1e3:6.2f} ms = {d / f:5.2f}x"
+              f"   (target <= 1.2x; {runs} runs)")
+    finally:
+        sb.close()
+
+
+def memory(args):
+    """Private memory idle and with 256 clients."""
+    sb = new_bench()
+    try:
+        sb.start()
+        time.sleep(0.2)
+        idle = sb.private()
+        sb.feed("/etc/iwevent_pipe", [registered(i) for i in range(256)], timeout=60)
+        full = sb.private()
+        assert sb.lines_in("/etc/clientip_assoc") == 256
+        print(f"memory       Private_Dirty idle {idle[0]} KiB / 256 clients {full[0]} KiB"
+              f" = {idle[0] / 256:4.2f}x / {full[0] / 256:4.2f}x of 256 KiB   (target <= 1x;"
+              f" private in all {idle[1]} / {full[1]} KiB)")
+    finally:
+        sb.close()
+
+
+def macauth(args):
+    """VmSize and Private_Dirty before and after 100 MAC-auth requests."""
+    sb = Bench()
+    try:
+        config = {"AP_MODE": "bridge", "WLAN1_ACL_MODE": "3", "WLAN1_RADIUS": "disable",
+                  "RADIUS1_HOST": "127.0.0.1", "RADIUS1_SECRET": "s3cret", "RADIUS1_AUTHPORT": "1812"}
+        two_vaps(sb, config)
+        sb.write("/etc/masterconfig.applied", "")
+        sb.write_config("/etc/net/wan.status", {"ipaddr": "192.168.1.2"})
+        sb.stub_output("radclient", ACCEPT)
+        sb.start()
+        time.sleep(0.2)
+        before = sb.private()
+        sb.feed("/etc/event_pipe", [auth_request(i) for i in range(100)], timeout=300)
+        answered = len(sb.commands("iwpriv")) - 1  # at most 8 workers at a time: the rest are refused
+        time.sleep(0.2)
+        after = sb.private()
+        print(f"macauth      100 requests ({answered} answered): VmSize {before[2]} -> {after[2]} KiB,"
+              f" Private_Dirty {before[0]} -> {after[0]} KiB ({after[0] - before[0]:+d} KiB;"
+              f" target within 64 KiB)")
+    finally:
+        sb.close()
+
+
+FIGURES = {"instructions": instructions, "burst": burst, "single": single, "memory": memory, "macauth": macauth}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--build", default=str(REPO / "build"), help="build directory (default: build)")
+    parser.add_argument("--runs", type=int, default=5, help="timing repeats (default 5)")
+    parser.add_argument("figures", nargs="*", help=f"any of {', '.join(FIGURES)} (default: all)")
+    args = parser.parse_args()
+    for name in args.figures:
+        if name not in FIGURES:
+            parser.error(f"unknown figure {name}")
+    os.environ["CLIENTMGR_BUILD"] = args.build
+    for name in args.figures or FIGURES:
+        FIGURES[name](args)
+        sys.stdout.flush()
+
+
+if __name__ == "__main__":
+    main()
