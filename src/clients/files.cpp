@@ -35,6 +35,70 @@ std::string table_text(const daemon_core::DaemonContext& ctx, bool associated_on
   return text;
 }
 
+// Puts line in place of slot i's line and moves the later offsets.
+void splice(std::string& text, std::vector<std::uint32_t>& offset, std::size_t i,
+            std::string_view line) {
+  const std::uint32_t begin = offset[i];
+  const std::uint32_t old_length = offset[i + 1] - begin;
+  text.replace(begin, old_length, line);
+  const std::uint32_t new_length = static_cast<std::uint32_t>(line.size());
+  if (new_length == old_length) return;
+  for (std::size_t j = i + 1; j < offset.size(); ++j) offset[j] = offset[j] - old_length + new_length;
+}
+
+// Brings the kept lines up to date with the used range of the table.
+void refresh_cache(daemon_core::DaemonContext& ctx) {
+  ClientFileCache& cache = ctx.client_files;
+  const std::size_t end = std::min<std::uint32_t>(ctx.client_count, kClientSlots);
+  common::InterfaceTable names = common::current_interface_table();
+  if (!cache.valid || names != cache.names) {
+    cache.names = std::move(names);
+    cache.list_text.clear();
+    cache.stats_text.clear();
+    cache.list_offset.assign(1, 0);
+    cache.stats_offset.assign(1, 0);
+    cache.current.clear();  // every slot of the range is formatted below
+    cache.assoc_valid = false;
+    cache.valid = true;
+  }
+  const std::size_t kept = cache.current.size();
+  if (kept > end) {
+    cache.current.resize(end);
+    cache.list_offset.resize(end + 1);
+    cache.stats_offset.resize(end + 1);
+    cache.list_text.resize(cache.list_offset.back());
+    cache.stats_text.resize(cache.stats_offset.back());
+    cache.assoc_valid = false;
+  } else if (kept < end) {
+    cache.current.resize(end, 0);
+    cache.list_offset.resize(end + 1, cache.list_offset.back());
+    cache.stats_offset.resize(end + 1, cache.stats_offset.back());
+    for (std::size_t i = kept; i < end; ++i) cache.changed[i] = 1;
+    cache.any_changed = true;
+  }
+  if (!cache.any_changed) return;
+  cache.assoc_valid = false;
+  for (std::size_t i = 0; i < end; ++i) {
+    if (cache.changed[i] == 0) continue;
+    cache.changed[i] = 0;
+    const ClientRecord& record = ctx.records[i];
+    cache.current[i] = record.current == 1 ? 1 : 0;
+    if (record.in_use == 1) {
+      const std::string name =
+          common::cut(common::interface_name_in(cache.names, record.ifindex), common::kInterfaceNameMax);
+      splice(cache.list_text, cache.list_offset, i, client_list_line(record, name));
+      splice(cache.stats_text, cache.stats_offset, i, client_stats_line(record, name));
+    } else {
+      splice(cache.list_text, cache.list_offset, i, std::string_view());
+      splice(cache.stats_text, cache.stats_offset, i, std::string_view());
+    }
+  }
+  // Slots past the used range are formatted anyway once the range reaches them.
+  std::fill(cache.changed.begin() + static_cast<std::ptrdiff_t>(end), cache.changed.end(), 0);
+  cache.any_changed = false;
+  cache.assoc_valid = false;
+}
+
 // The new file replaces the old one whole. The guard is cleared before the
 // move and also when the file cannot be written (a full /etc), so the next
 // event tries the rewrite, and the expiry with it, again.
@@ -74,11 +138,33 @@ std::string client_stats_text(const daemon_core::DaemonContext& ctx) {
 
 int write_client_list(daemon_core::DaemonContext& ctx, const std::string& destination,
                       bool associated_only) {
-  return replace(ctx, destination, client_list_text(ctx, associated_only));
+  refresh_cache(ctx);
+  ClientFileCache& cache = ctx.client_files;
+  if (!associated_only) return replace(ctx, destination, cache.list_text);
+  if (!cache.assoc_valid) {
+    cache.assoc_text.clear();
+    for (std::size_t i = 0; i < cache.current.size(); ++i) {
+      if (cache.current[i] != 1) continue;
+      const std::uint32_t begin = cache.list_offset[i];
+      cache.assoc_text.append(cache.list_text, begin, cache.list_offset[i + 1] - begin);
+    }
+    cache.assoc_valid = true;
+  }
+  return replace(ctx, destination, cache.assoc_text);
 }
 
 int write_client_stats(daemon_core::DaemonContext& ctx, const std::string& destination) {
-  return replace(ctx, destination, client_stats_text(ctx));
+  refresh_cache(ctx);
+  return replace(ctx, destination, ctx.client_files.stats_text);
+}
+
+void mark_lines_changed(ClientRecord& record) {
+  daemon_core::DaemonContext* ctx = record.owner;
+  if (ctx == nullptr) return;
+  const std::ptrdiff_t slot = &record - ctx->records.data();
+  if (slot < 0 || slot >= kClientSlots) return;
+  ctx->client_files.changed[static_cast<std::size_t>(slot)] = 1;
+  ctx->client_files.any_changed = true;
 }
 
 void write_client_files(daemon_core::DaemonContext& ctx) {
@@ -107,6 +193,7 @@ int accumulate_traffic_report(ClientRecord& record, std::optional<std::string_vi
   record.tx_bytes += report->tx_bytes;
   record.rx_packets += report->rx_packets;  // 32-bit, wrapping
   record.tx_packets += report->tx_packets;
+  mark_lines_changed(record);
   if (record.owner) write_client_stats(*record.owner, kClientStatsPath);
   return 0;
 }

@@ -39,6 +39,10 @@ const config::taglist* master_config(const ClientRecord& record) {
   return record.owner ? record.owner->masterconf.get() : nullptr;
 }
 
+// The daemon's own socket for driver requests; -1 (a fresh socket per
+// request) for a record without an owner.
+int driver_socket(const ClientRecord& record) { return record.owner ? record.owner->udp_socket : -1; }
+
 std::optional<int> scan_int(const std::string& text) { return common::scan_int(text); }
 
 std::optional<int> read_vap_limit(const ClientRecord& record) {
@@ -74,7 +78,8 @@ void check_radio_limit(const ClientRecord& record) {
     if (begin == std::string_view::npos) break;
     words.remove_prefix(begin);
     std::size_t end = std::min(words.find(' '), words.size());
-    if (auto vap = scan_int(std::string(words.substr(0, end)))) total += find_cli_num(*vap);
+    if (auto vap = scan_int(std::string(words.substr(0, end))))
+      total += find_cli_num(*vap, driver_socket(record));
     words.remove_prefix(end);
   }
   if (total < limit) return;
@@ -189,13 +194,15 @@ std::optional<std::string> client_limit_alert_command(std::string_view ssid, int
       {common::in_quotes(ssid), common::number(limit)});
 }
 
-NotifierSources device_sources() {
+NotifierSources device_sources(int socket_fd) {
   NotifierSources sources;
   sources.ssid = [](const ClientRecord& record) {
     return config::get_wlan_ssid(master_config(record), record.ifindex);
   };
-  sources.bssid = [](const ClientRecord& record) { return config::get_bssid(record.ifindex); };
-  sources.station_count = [](int ifindex) { return find_cli_num(ifindex); };
+  sources.bssid = [socket_fd](const ClientRecord& record) {
+    return config::get_bssid(record.ifindex, socket_fd);
+  };
+  sources.station_count = [socket_fd](int ifindex) { return find_cli_num(ifindex, socket_fd); };
   sources.vap_limit = read_vap_limit;
   sources.radio_limit = check_radio_limit;
   return sources;
@@ -234,7 +241,7 @@ void notify_client(ClientRecord& record, const NotifierSources& sources) {
   common::run_command(command);
 }
 
-void notify_client(ClientRecord& record) { notify_client(record, device_sources()); }
+void notify_client(ClientRecord& record) { notify_client(record, device_sources(driver_socket(record))); }
 
 void tavo_event_queue(ClientRecord& record, std::uint8_t code, const NotifierSources& sources) {
   std::printf("%s: state: %u\n", "tavo_event_queue", static_cast<unsigned>(code));
@@ -273,7 +280,7 @@ void tavo_event_queue(ClientRecord& record, std::uint8_t code, const NotifierSou
 }
 
 void tavo_event_queue(ClientRecord& record, std::uint8_t code) {
-  tavo_event_queue(record, code, device_sources());
+  tavo_event_queue(record, code, device_sources(driver_socket(record)));
 }
 
 }  // namespace clients

@@ -32,8 +32,9 @@ void notify_client(ClientRecord& record);
 // --- the pieces, apart from the device
 
 // What the queue and the notifier learn from the device. device_sources()
-// reads the master configuration, the status files and the driver; tests
-// put their own answers in.
+// reads the master configuration, the status files and the driver (through
+// the given socket, the daemon's own; a fresh one per request when below
+// 0); tests put their own answers in.
 struct NotifierSources {
   // The SSID of the record's VAP ("" when not configured).
   std::function<std::string(const ClientRecord&)> ssid;
@@ -48,7 +49,7 @@ struct NotifierSources {
   // The radio-wide client limit and its maximum-station trap.
   std::function<void(const ClientRecord&)> radio_limit;
 };
-NotifierSources device_sources();
+NotifierSources device_sources(int socket_fd = -1);
 
 void tavo_event_queue(ClientRecord& record, std::uint8_t code, const NotifierSources& sources);
 void notify_client(ClientRecord& record, const NotifierSources& sources);

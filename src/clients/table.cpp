@@ -3,7 +3,9 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "bandwidth/shaping.h"
@@ -29,6 +31,17 @@ char ascii_lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c -
 
 bool mac_equal(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
+  // Quick rejection eight characters at a time: setting bit 5 of every byte
+  // turns upper-case letters into lower-case ones and maps characters that
+  // compare equal below to equal bytes, so words that still differ hold a
+  // real difference.
+  constexpr std::uint64_t kFold = 0x2020202020202020ULL;
+  for (std::size_t i = 0; i + 8 <= a.size(); i += 8) {
+    std::uint64_t x = 0, y = 0;
+    std::memcpy(&x, a.data() + i, 8);
+    std::memcpy(&y, b.data() + i, 8);
+    if ((x | kFold) != (y | kFold)) return false;
+  }
   for (std::size_t i = 0; i < a.size(); ++i)
     if (ascii_lower(a[i]) != ascii_lower(b[i])) return false;
   return true;
@@ -57,6 +70,7 @@ void init_records(daemon_core::DaemonContext& ctx) {
     record.owner = &ctx;
     bandwidth::reset_bandwidth(record.bandwidth);
   }
+  ctx.client_files.valid = false;
 }
 
 void clear_record(ClientRecord& record) {
@@ -75,13 +89,14 @@ void clear_record(ClientRecord& record) {
   cleared.bandwidth = std::move(record.bandwidth);
   cleared.vlan_pool_slot = record.vlan_pool_slot;
   record = std::move(cleared);
+  mark_lines_changed(record);
 }
 
 int check_expired(daemon_core::DaemonContext& ctx) {
   if (ctx.client_count == 0) return 0;
-  // client_count is read again on every step.
+  // One uptime for the whole sweep; client_count is read again on every step.
+  const long uptime = common::uptime_now();
   for (std::uint32_t i = 0; i < used_range(ctx); ++i) {
-    long uptime = common::uptime_now();
     ClientRecord& record = ctx.records[i];
     bool left = record.assoc_uptime < record.disassoc_uptime;
     if (!left || uptime - static_cast<long>(record.disassoc_uptime) < kExpireAfter) continue;
@@ -177,12 +192,17 @@ std::int64_t earliest_deadline(const daemon_core::DaemonContext& ctx) {
 }
 
 void clear_current_elsewhere(daemon_core::DaemonContext& ctx, std::string_view mac, int keep) {
-  for (int i = 0; i < kClientSlots; ++i)
-    if (i != keep && mac_equal(ctx.records[i].mac, mac)) ctx.records[i].current = 0;
+  for (int i = 0; i < kClientSlots; ++i) {
+    // Clearing a flag that is clear already changes nothing.
+    if (i == keep || ctx.records[i].current == 0 || !mac_equal(ctx.records[i].mac, mac)) continue;
+    ctx.records[i].current = 0;
+    mark_lines_changed(ctx.records[i]);
+  }
 }
 
-int find_cli_num(int ifindex) {
-  common::StationInfo info = common::driver_station_info(common::get_interface_name_by_idx(ifindex));
+int find_cli_num(int ifindex, int socket_fd) {
+  common::StationInfo info =
+      common::driver_station_info(common::get_interface_name_by_idx(ifindex), socket_fd);
   switch (info.error) {
     case common::StationInfoError::kSocket:
       std::printf("Error: %s() create socket failed\n", "find_cli_num");

@@ -62,6 +62,7 @@ std::int64_t earliest_deadline(const daemon_core::DaemonContext& ctx);
 // current := 0 on every slot with this MAC except keep.
 void clear_current_elsewhere(daemon_core::DaemonContext& ctx, std::string_view mac, int keep);
 // Stations associated on the VAP, as the driver reports them; 0 on failure.
-int find_cli_num(int ifindex);
+// Asked on the given socket (the daemon's own), else on a fresh one.
+int find_cli_num(int ifindex, int socket_fd = -1);
 
 }  // namespace clients

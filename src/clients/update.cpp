@@ -233,10 +233,13 @@ int update_client_table(daemon_core::DaemonContext& ctx, int code, int ifindex,
   const Lookup where = lookup_record(ctx, mac, ath);
   if (where.found) {
     update_existing(ctx, where.slot, code, ath, ip, extra);
+    mark_lines_changed(ctx.records[where.slot]);
     return kUpdateExisting;
   }
   if (code == kEventBandwidth) return kUpdateCreated;  // a rate change for an unknown station is dropped
-  create_record(ctx, take_slot(ctx, where), where.walk_end, code, ath, mac, ip, extra);
+  const int slot = take_slot(ctx, where);
+  create_record(ctx, slot, where.walk_end, code, ath, mac, ip, extra);
+  mark_lines_changed(ctx.records[slot]);
   return kUpdateCreated;
 }
 

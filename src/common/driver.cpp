@@ -9,8 +9,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
-#include <vector>
+#include <mutex>
 
 namespace common {
 
@@ -19,11 +20,13 @@ namespace {
 constexpr unsigned long kStationInfoRequest = SIOCDEVPRIVATE + 6;
 constexpr std::size_t kStationBufferSize = 65535;
 
+// The caller's socket, or a fresh one that lives as long as this object.
 class Socket {
  public:
-  Socket() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+  explicit Socket(int given)
+      : fd_(given >= 0 ? given : ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), owned_(given < 0) {}
   ~Socket() {
-    if (fd_ >= 0) ::close(fd_);
+    if (owned_ && fd_ >= 0) ::close(fd_);
   }
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
@@ -31,7 +34,13 @@ class Socket {
 
  private:
   int fd_;
+  bool owned_;
 };
+
+// The driver writes the station table here; allocated once (its pages are
+// touched only as far as a driver fills them).
+std::mutex g_station_mutex;
+std::array<std::uint8_t, kStationBufferSize> g_station_buffer;  // guarded by g_station_mutex
 
 // Fills a kernel interface-name field, cutting the name to fit.
 void copy_ifname(char (&dest)[IFNAMSIZ], const std::string& name) {
@@ -41,8 +50,8 @@ void copy_ifname(char (&dest)[IFNAMSIZ], const std::string& name) {
 
 }  // namespace
 
-std::optional<HwAddr> driver_hwaddr(const std::string& ifname) {
-  Socket sock;
+std::optional<HwAddr> driver_hwaddr(const std::string& ifname, int socket_fd) {
+  Socket sock(socket_fd);
   if (sock.fd() < 0) return std::nullopt;
   struct ifreq req {};
   copy_ifname(req.ifr_name, ifname);
@@ -60,13 +69,13 @@ std::string driver_ifname(int socket_fd, int ifindex) {
   return std::string(req.ifr_name, ::strnlen(req.ifr_name, IFNAMSIZ));
 }
 
-StationInfo driver_station_info(const std::string& ifname) {
-  Socket sock;
+StationInfo driver_station_info(const std::string& ifname, int socket_fd) {
+  Socket sock(socket_fd);
   if (sock.fd() < 0) return {StationInfoError::kSocket, 0};
-  std::vector<std::uint8_t> buffer(kStationBufferSize);
+  std::lock_guard<std::mutex> lock(g_station_mutex);
   struct iwreq req {};
   copy_ifname(req.ifr_name, ifname);
-  req.u.data.pointer = buffer.data();
+  req.u.data.pointer = g_station_buffer.data();
   req.u.data.length = static_cast<std::uint16_t>(kStationBufferSize);
   if (::ioctl(sock.fd(), kStationInfoRequest, &req) < 0) return {StationInfoError::kRequest, 0};
   return {StationInfoError::kNone, req.u.data.length};

@@ -14,6 +14,19 @@
 
 namespace common {
 
+FileStamp file_stamp(const char* path) {
+  struct stat st {};
+  if (::stat(path, &st) != 0) return FileStamp{};
+  return FileStamp{true,
+                   static_cast<unsigned long long>(st.st_dev),
+                   static_cast<unsigned long long>(st.st_ino),
+                   static_cast<long long>(st.st_size),
+                   static_cast<long long>(st.st_mtim.tv_sec),
+                   static_cast<long long>(st.st_mtim.tv_nsec),
+                   static_cast<long long>(st.st_ctim.tv_sec),
+                   static_cast<long long>(st.st_ctim.tv_nsec)};
+}
+
 bool write_all(int fd, std::string_view data) {
   while (!data.empty()) {
     ssize_t n = ::write(fd, data.data(), data.size());

@@ -16,6 +16,18 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
+// What stat() says about a file, enough to tell that it changed on disk:
+// device, inode, size and the nanosecond modification and change times.
+// A file that is missing (or cannot be examined) has exists false.
+struct FileStamp {
+  bool exists = false;
+  unsigned long long device = 0, inode = 0;
+  long long size = 0;
+  long long mtime_sec = 0, mtime_nsec = 0, ctime_sec = 0, ctime_nsec = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+FileStamp file_stamp(const char* path);
+
 // Writes all of data to the descriptor; false when a write fails.
 bool write_all(int fd, std::string_view data);
 

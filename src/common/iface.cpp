@@ -7,8 +7,31 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 namespace common {
+
+namespace {
+
+// The table as last read from the file, and what stat() said about the file
+// then: every lookup looks at the file again (one stat) and reads it only
+// when that changed, so an edit still counts from the next call on.
+std::mutex g_table_mutex;
+bool g_table_loaded = false;     // guarded by g_table_mutex
+FileStamp g_table_stamp;         // guarded by g_table_mutex
+InterfaceTable g_table;          // guarded by g_table_mutex
+
+const InterfaceTable& fresh_table() {
+  const FileStamp stamp = file_stamp(kDevLanIfPath);
+  if (!g_table_loaded || !(stamp == g_table_stamp)) {
+    read_interface_from_file(g_table);
+    g_table_stamp = stamp;
+    g_table_loaded = true;
+  }
+  return g_table;
+}
+
+}  // namespace
 
 InterfaceTable parse_interface_table(std::string_view text) {
   InterfaceTable table;
@@ -50,16 +73,19 @@ std::string interface_name_in(const InterfaceTable& table, int index) {
   return "ath" + std::to_string(index);
 }
 
+InterfaceTable current_interface_table() {
+  std::lock_guard<std::mutex> lock(g_table_mutex);
+  return fresh_table();
+}
+
 int get_interface_idx_by_name(std::string_view name) {
-  InterfaceTable table;
-  read_interface_from_file(table);
-  return interface_index_in(table, name);
+  std::lock_guard<std::mutex> lock(g_table_mutex);
+  return interface_index_in(fresh_table(), name);
 }
 
 std::string get_interface_name_by_idx(int index) {
-  InterfaceTable table;
-  read_interface_from_file(table);
-  return interface_name_in(table, index);
+  std::lock_guard<std::mutex> lock(g_table_mutex);
+  return interface_name_in(fresh_table(), index);
 }
 
 }  // namespace common

@@ -31,6 +31,13 @@ std::string interface_name_in(const InterfaceTable& table, int index);
 // each up to its first CR or LF). A missing file leaves the table empty.
 void read_interface_from_file(InterfaceTable& table);
 
+// The lookups below see the file as it is at the call: it is read again
+// whenever stat() shows it changed (device, inode, size, modification or
+// change time), and otherwise answered from the table last read.
+
+// The table as the file holds it now.
+InterfaceTable current_interface_table();
+
 // The number of the first entry equal to the name (so "" finds the first
 // entry past the file's last line, or an empty line); else the number in
 // "ath%d"; else 0.

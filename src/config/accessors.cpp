@@ -8,6 +8,7 @@
 
 #include "common/command.h"
 #include "common/driver.h"
+#include "common/files.h"
 #include "common/iface.h"
 #include "common/numbers.h"
 #include "common/runner.h"
@@ -40,6 +41,14 @@ std::atomic<int> g_radio_count{-1};
 std::mutex g_radio_prefix_mutex;
 std::string g_radio_prefix;  // guarded by g_radio_prefix_mutex
 
+// The status file as last loaded, and what stat() said about it then: each
+// lookup looks at the file (one stat) and loads it again only when that
+// changed, so every answer still reflects the file as it is at the call.
+std::mutex g_status_mutex;
+bool g_status_loaded = false;      // guarded by g_status_mutex
+common::FileStamp g_status_stamp;  // guarded by g_status_mutex
+TaglistPtr g_status;               // guarded by g_status_mutex; null when unreadable
+
 std::optional<std::string> masterconf_value(const taglist* list, std::size_t length,
                                             const char* key_pattern, va_list args) {
   char key[kMasterKeyBuffer] = {};
@@ -63,9 +72,15 @@ int portal_route(common::Template verb, std::string_view destination, int bridge
 // --- wireless status
 
 std::optional<std::string> get_wireless_status(std::string_view key) {
-  TaglistPtr list = load_taglist_ex(kWirelessStatusPath, 1, nullptr);
-  if (!exist_taglist_key(list.get(), key)) return std::nullopt;
-  return std::string(get_taglist_default(list.get(), key, ""));
+  std::lock_guard<std::mutex> lock(g_status_mutex);
+  const common::FileStamp stamp = common::file_stamp(kWirelessStatusPath);
+  if (!g_status_loaded || !(stamp == g_status_stamp)) {
+    g_status = load_taglist_ex(kWirelessStatusPath, 1, nullptr);
+    g_status_stamp = stamp;
+    g_status_loaded = true;
+  }
+  if (!exist_taglist_key(g_status.get(), key)) return std::nullopt;
+  return std::string(get_taglist_default(g_status.get(), key, ""));
 }
 
 int get_radio_count() {
@@ -173,8 +188,8 @@ int is_wlan_portal_enabled(const taglist* list, int ath) {
 
 // --- device
 
-std::string get_bssid(int ath) {
-  auto addr = common::driver_hwaddr(common::get_interface_name_by_idx(ath));
+std::string get_bssid(int ath, int socket_fd) {
+  auto addr = common::driver_hwaddr(common::get_interface_name_by_idx(ath), socket_fd);
   if (!addr) return std::string();
   const auto& a = *addr;
   return common::format("%02X:%02X:%02X:%02X:%02X:%02X", a[0], a[1], a[2], a[3], a[4], a[5]);

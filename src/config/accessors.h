@@ -5,8 +5,9 @@
 // of "WLAN<n>_..." keys (an interface's WLAN number is get_wlan_id); a radio
 // number the n of "wifi<n>" and "WIFI<n>_..." keys.
 //
-// Wireless-status accessors load "/var/run/wireless.status" afresh on every
-// call (except the cached radio count). Master-configuration accessors take
+// Wireless-status accessors answer from "/var/run/wireless.status" as it is
+// at the call (except the cached radio count): the file is loaded again
+// whenever stat() shows it changed, else the list last loaded answers. Master-configuration accessors take
 // the loaded master configuration; a null list reads as empty.
 #pragma once
 
@@ -75,7 +76,8 @@ int is_wlan_portal_enabled(const taglist* list, int ath);
 
 // --- device
 // Upper-case "%02X:..." hardware address of the interface; "" on failure.
-std::string get_bssid(int ath);
+// Asked on the given socket (the daemon's own), else on a fresh one.
+std::string get_bssid(int ath, int socket_fd = -1);
 
 // --- captive-portal routes: "ip ro add|del <dest> dev br<n> table rt_portal".
 // The result is the command's wait status.

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 
+#include "clients/files.h"
 #include "clients/record.h"
 #include "config/taglist.h"
 #include "macauth/macauth_state.h"
@@ -40,7 +41,8 @@ struct DaemonContext {
   std::unique_ptr<snmp::EventConfig> event_config;  // [shared]
   macauth::MacAuthState macauth;      // [shared]
   vlan::VlanState vlan;               // [shared]
-  int udp_socket = -1;                // for interface-name ioctls
+  int udp_socket = -1;                // for interface ioctls and driver requests
+  clients::ClientFileCache client_files;  // lines of the client files, kept ready
 
   std::mutex shared_mutex;
 };

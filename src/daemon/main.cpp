@@ -4,6 +4,10 @@
 #include <cstdio>
 #include <memory>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include "daemon/context.h"
 #include "daemon/loop.h"
 #include "daemon/startup.h"
@@ -28,6 +32,12 @@ int main(int argc, char**) {
     std::fputs(kUsage, stderr);
     return 2;
   }
+#if defined(M_ARENA_MAX)
+  // glibc gives every thread that allocates its own malloc arena (64 MiB
+  // reserved each, never returned); the RADIUS workers share the main one.
+  // Other C libraries have no such knob and need none.
+  mallopt(M_ARENA_MAX, 1);
+#endif
   // The context holds a mutex and the whole client table: one heap object.
   auto ctx = std::make_unique<daemon_core::DaemonContext>();
   const daemon_core::LoopSources sources = daemon_core::start_daemon(*ctx);

@@ -205,13 +205,28 @@ void* acl_query_worker(void* arg) {
   return nullptr;
 }
 
+// A worker's stack: its deepest path (a command read through a pipe, the
+// request and answer texts, the VLAN rule updates) uses a few KiB; the
+// default of 8 MiB would be reserved per worker. The sanitizers need room
+// for their own frames and redzones.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kWorkerStack = 1024 * 1024;
+#else
+constexpr std::size_t kWorkerStack = 128 * 1024;
+#endif
+
 // Starts a detached worker that owns the job. Caller has raised the count;
 // on failure it is lowered again.
 void start_worker(std::unique_ptr<AclQueryJob> job) {
   daemon_core::DaemonContext& ctx = *job->context;
   pthread_t thread;
   AclQueryJob* raw = job.release();
-  if (pthread_create(&thread, nullptr, acl_query_worker, raw) != 0) {
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, std::max<std::size_t>(kWorkerStack, PTHREAD_STACK_MIN));
+  const int started = pthread_create(&thread, &attr, acl_query_worker, raw);
+  pthread_attr_destroy(&attr);
+  if (started != 0) {
     std::unique_ptr<AclQueryJob> reclaimed(raw);
     std::lock_guard<std::mutex> lock(ctx.shared_mutex);
     --ctx.macauth.active_workers;
