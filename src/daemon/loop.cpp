@@ -15,6 +15,7 @@
 #include "daemon/netlink.h"
 #include "daemon/interpreter.h"
 #include "daemon/reload.h"
+#include "macauth/macauth.h"
 
 namespace daemon_core {
 
@@ -102,6 +103,7 @@ void run_loop(DaemonContext& ctx, const LoopSources& sources) {
     }
 
     run_timed_work(ctx, timeout);
+    macauth::reap_workers();
 
     check_config_apply(ctx);
     check_config_applied(ctx);

@@ -1,5 +1,5 @@
 // MAC authentication against RADIUS: the per-WLAN settings, the ACL cache
-// of recent positive answers and the detached workers that ask the servers
+// of recent positive answers and the workers that ask the servers
 // through radclient and answer the driver through iwpriv.
 //
 // Threads: every entry point below is called on the main thread. The
@@ -22,11 +22,15 @@ namespace macauth {
 void mac_auth_init(daemon_core::DaemonContext& ctx);
 
 // The driver asks whether the station may associate to the VAP "ath<ath>".
-// Answers at once from the cache or starts a detached worker (at most 8 run
+// Answers at once from the cache or starts a worker (at most 8 run
 // at once); the answer to the driver is a side effect. -1 when the VAP's
 // WLAN number is not 1..16, else 0.
 int mac_auth_query_extern_acl(std::string_view mac, int mac_length, int ath,
                               daemon_core::DaemonContext& ctx);
+
+// Joins the workers that have ended and gives their stacks back to the
+// system; the main loop calls it on every pass. Main thread only.
+void reap_workers();
 
 // Whether a RADIUS answer carrying this VLAN (-1 = none) may be accepted on
 // the VAP's WLAN: 0 allowed, -1 refused.

@@ -7,9 +7,11 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -183,6 +185,36 @@ int run_query(daemon_core::DaemonContext& ctx, const AclQueryJob& job,
   return vlan;
 }
 
+// A worker's stack: its deepest path (a command read through a pipe, the
+// request and answer texts, the VLAN rule updates) uses a few KiB; the
+// default of 8 MiB would be reserved per worker. The sanitizers need room
+// for their own frames and redzones.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kWorkerStack = 1024 * 1024;
+#else
+constexpr std::size_t kWorkerStack = 128 * 1024;
+#endif
+
+// The workers' stacks are the module's own (the C library would keep the
+// stacks of ended threads, with the pages they touched, for reuse): a
+// worker marks its slot done as its last step, and the main thread joins
+// it and unmaps the stack at its next pass (reap_workers). A start that
+// finds no free slot leaves the stack to the C library.
+struct WorkerSlot {
+  void* stack = nullptr;  // mapping of kStackMapping bytes, guard page first; null = free
+  pthread_t thread{};
+  bool done = false;
+};
+const std::size_t kStackMapping = kWorkerStack + static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+std::mutex g_worker_mutex;
+std::array<WorkerSlot, 2 * kMaxWorkers> g_worker_slots;  // guarded by g_worker_mutex
+
+void mark_worker_done(pthread_t self) {
+  std::lock_guard<std::mutex> lock(g_worker_mutex);
+  for (WorkerSlot& slot : g_worker_slots)
+    if (slot.stack != nullptr && pthread_equal(slot.thread, self)) slot.done = true;
+}
+
 void* acl_query_worker(void* arg) {
   std::unique_ptr<AclQueryJob> job(static_cast<AclQueryJob*>(arg));
   daemon_core::DaemonContext& ctx = *job->context;
@@ -202,39 +234,75 @@ void* acl_query_worker(void* arg) {
     std::lock_guard<std::mutex> lock(ctx.shared_mutex);
     --ctx.macauth.active_workers;
   }
+  job.reset();
+  mark_worker_done(pthread_self());
   return nullptr;
 }
 
-// A worker's stack: its deepest path (a command read through a pipe, the
-// request and answer texts, the VLAN rule updates) uses a few KiB; the
-// default of 8 MiB would be reserved per worker. The sanitizers need room
-// for their own frames and redzones.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kWorkerStack = 1024 * 1024;
-#else
-constexpr std::size_t kWorkerStack = 128 * 1024;
-#endif
-
-// Starts a detached worker that owns the job. Caller has raised the count;
-// on failure it is lowered again.
+// Starts a worker that owns the job. Caller has raised the count; on
+// failure it is lowered again.
 void start_worker(std::unique_ptr<AclQueryJob> job) {
+  reap_workers();
   daemon_core::DaemonContext& ctx = *job->context;
-  pthread_t thread;
   AclQueryJob* raw = job.release();
   pthread_attr_t attr;
   pthread_attr_init(&attr);
-  pthread_attr_setstacksize(&attr, std::max<std::size_t>(kWorkerStack, PTHREAD_STACK_MIN));
+  std::unique_lock<std::mutex> lock(g_worker_mutex);
+  WorkerSlot* slot = nullptr;
+  for (WorkerSlot& candidate : g_worker_slots)
+    if (candidate.stack == nullptr) slot = &candidate;
+  void* stack = slot ? ::mmap(nullptr, kStackMapping, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0)
+                     : MAP_FAILED;
+  const std::size_t guard = kStackMapping - kWorkerStack;
+  if (stack != MAP_FAILED && ::mprotect(stack, guard, PROT_NONE) == 0) {
+    pthread_attr_setstack(&attr, static_cast<char*>(stack) + guard, kWorkerStack);
+  } else {
+    if (stack != MAP_FAILED) ::munmap(stack, kStackMapping);
+    stack = MAP_FAILED;
+    pthread_attr_setstacksize(&attr, std::max<std::size_t>(kWorkerStack, PTHREAD_STACK_MIN));
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  }
+  pthread_t thread;
   const int started = pthread_create(&thread, &attr, acl_query_worker, raw);
   pthread_attr_destroy(&attr);
   if (started != 0) {
+    if (stack != MAP_FAILED) ::munmap(stack, kStackMapping);
+    lock.unlock();
     std::unique_ptr<AclQueryJob> reclaimed(raw);
-    std::lock_guard<std::mutex> lock(ctx.shared_mutex);
+    std::lock_guard<std::mutex> count_lock(ctx.shared_mutex);
     --ctx.macauth.active_workers;
     return;
   }
-  pthread_detach(thread);
+  if (stack != MAP_FAILED) *slot = WorkerSlot{stack, thread, false};
 }
 
+}  // namespace
+
+void reap_workers() {
+  std::array<WorkerSlot, 2 * kMaxWorkers> ended;
+  {
+    std::lock_guard<std::mutex> lock(g_worker_mutex);
+    for (std::size_t i = 0; i < g_worker_slots.size(); ++i) {
+      if (g_worker_slots[i].stack == nullptr || !g_worker_slots[i].done) continue;
+      ended[i] = g_worker_slots[i];
+      g_worker_slots[i] = WorkerSlot{};
+    }
+  }
+  for (WorkerSlot& slot : ended) {
+    if (slot.stack == nullptr) continue;
+    pthread_join(slot.thread, nullptr);  // it marked itself done as its last step
+    ::munmap(slot.stack, kStackMapping);
+  }
+}
+
+namespace {
+// Workers that have ended by the time the process exits are joined too (the
+// unit tests start workers without a main loop).
+struct ReapAtExit {
+  ~ReapAtExit() { reap_workers(); }
+};
+ReapAtExit g_reap_at_exit;
 }  // namespace
 
 int mac_auth_query_extern_acl(std::string_view mac, int mac_length, int ath,
