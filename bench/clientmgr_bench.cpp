@@ -13,7 +13,7 @@
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "clients/record.h"
 #include "common/command.h"
 #include "config/taglist.h"
+#include "model/client_record.h"
 
 namespace daemon_core {
 struct DaemonContext;

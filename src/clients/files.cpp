@@ -9,7 +9,7 @@
 #include "common/files.h"
 #include "common/iface.h"
 #include "common/text.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace clients {
 

@@ -5,15 +5,13 @@
 // only.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "clients/record.h"
-#include "common/iface.h"
+#include "model/client_files.h"
+#include "model/client_record.h"
 
 namespace daemon_core {
 struct DaemonContext;
@@ -24,24 +22,6 @@ namespace clients {
 inline constexpr const char* kClientListPath = "/etc/clientip";
 inline constexpr const char* kClientAssocListPath = "/etc/clientip_assoc";
 inline constexpr const char* kClientStatsPath = "/etc/client_accu_stat";
-
-// The client files' lines kept ready: a slot's lines are formatted again
-// only after mark_lines_changed() named its record (or when the interface
-// names changed), so a rewrite costs about the bytes it writes. Main thread
-// only.
-struct ClientFileCache {
-  bool valid = false;                 // false: every line is formatted again
-  common::InterfaceTable names;       // the names the lines were made with
-  std::array<std::uint8_t, kClientSlots> changed{};  // 1: the slot's lines are out of date
-  bool any_changed = false;
-  // The lines of the in-use slots of the used range in slot order; slot i's
-  // line is [offset[i], offset[i + 1]) (empty for a slot not in use).
-  std::string list_text, stats_text;
-  std::vector<std::uint32_t> list_offset, stats_offset;
-  std::vector<std::uint8_t> current;  // per slot: listed in the associated list
-  std::string assoc_text;
-  bool assoc_valid = false;
-};
 
 // Every change of a field that the client files show (and of current)
 // names the record here, so that its lines are formatted again before the

@@ -7,13 +7,13 @@
 
 #include "clients/table.h"
 #include "common/clock.h"
+#include "common/command.h"
 #include "common/files.h"
 #include "common/numbers.h"
-#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
-#include "daemon/context.h"
+#include "model/context.h"
 #include "snmp/traps.h"
 
 namespace clients {

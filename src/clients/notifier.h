@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "clients/record.h"
+#include "model/client_record.h"
 
 namespace clients {
 

@@ -9,14 +9,15 @@
 #include <utility>
 
 #include "bandwidth/shaping.h"
+#include "clients/files.h"
 #include "common/clock.h"
+#include "common/command.h"
 #include "common/driver.h"
 #include "common/iface.h"
-#include "common/command.h"
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace clients {
 

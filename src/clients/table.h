@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "clients/record.h"
+#include "model/client_record.h"
 
 namespace daemon_core {
 struct DaemonContext;

@@ -15,7 +15,7 @@
 #include "common/numbers.h"
 #include "common/text.h"
 #include "config/accessors.h"
-#include "daemon/context.h"
+#include "model/context.h"
 #include "vlan/pool.h"
 #include "vlan/rules.h"
 

@@ -8,11 +8,11 @@
 
 #include "clients/files.h"
 #include "clients/table.h"
+#include "clients/update.h"
 #include "common/iface.h"
 #include "common/mac.h"
-#include "daemon/context.h"
 #include "daemon/reload.h"
-#include "clients/update.h"
+#include "model/context.h"
 
 namespace daemon_core {
 

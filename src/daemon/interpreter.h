@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "daemon/context.h"
 #include "daemon/pipe_lines.h"
+#include "model/context.h"
 
 namespace daemon_core {
 

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "daemon/context.h"
 #include "daemon/startup.h"
+#include "model/context.h"
 
 namespace daemon_core {
 

@@ -8,9 +8,9 @@
 #include <malloc.h>
 #endif
 
-#include "daemon/context.h"
 #include "daemon/loop.h"
 #include "daemon/startup.h"
+#include "model/context.h"
 
 #ifndef CLIENTMGR_VERSION
 #error "CLIENTMGR_VERSION must be defined by the build"

@@ -10,7 +10,7 @@
 
 #include "common/driver.h"
 #include "common/text.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace daemon_core {
 

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace daemon_core {
 

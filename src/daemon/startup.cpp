@@ -17,8 +17,8 @@
 #include "config/taglist.h"
 #include "daemon/client_pipe.h"
 #include "daemon/netlink.h"
-#include "snmp/traps.h"
 #include "daemon/reload.h"
+#include "snmp/traps.h"
 
 namespace daemon_core {
 

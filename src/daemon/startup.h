@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace daemon_core {
 

@@ -9,7 +9,7 @@
 #include <span>
 #include <string_view>
 
-#include "macauth/macauth_state.h"
+#include "model/macauth_state.h"
 
 namespace macauth {
 

@@ -10,7 +10,7 @@
 
 #include <string_view>
 
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace macauth {
 

@@ -12,7 +12,7 @@
 #include "common/text.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace snmp {
 

@@ -17,7 +17,7 @@
 #include <string_view>
 
 #include "common/command.h"
-#include "snmp/event_config.h"
+#include "model/event_config.h"
 
 namespace daemon_core {
 struct DaemonContext;

@@ -12,9 +12,9 @@
 #include "common/text.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
+#include "model/context.h"
+#include "model/vlan_state.h"
 #include "vlan/rules.h"
-#include "vlan/vlan_state.h"
 
 namespace vlan {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "clients/record.h"
 #include "common/command.h"
+#include "model/client_record.h"
 
 namespace daemon_core {
 struct DaemonContext;

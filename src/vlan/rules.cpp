@@ -12,7 +12,7 @@
 #include "common/runner.h"
 #include "common/text.h"
 #include "config/accessors.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace vlan {
 

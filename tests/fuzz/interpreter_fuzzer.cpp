@@ -25,9 +25,9 @@
 #include "config/accessors.h"
 #include "config/taglist.h"
 #include "daemon/client_pipe.h"
-#include "daemon/context.h"
 #include "daemon/interpreter.h"
 #include "fuzz_common.h"
+#include "model/context.h"
 #include "snmp/traps.h"
 #include "vlan/pool.h"
 

@@ -18,11 +18,11 @@
 #include "clients/table.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
 #include "daemon/interpreter.h"
 #include "daemon/reload.h"
 #include "daemon/startup.h"
 #include "fuzz_common.h"
+#include "model/context.h"
 #include "snmp/traps.h"
 
 namespace {

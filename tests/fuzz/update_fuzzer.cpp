@@ -20,8 +20,8 @@
 #include "clients/update.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
 #include "fuzz_common.h"
+#include "model/context.h"
 #include "snmp/traps.h"
 #include "vlan/pool.h"
 

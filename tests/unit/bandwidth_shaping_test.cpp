@@ -7,7 +7,7 @@
 #include "bandwidth/shaping.h"
 #include "common/runner.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "clients/files.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "clients/notifier.h"
 #include "common/clock.h"
 #include "common/runner.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "common/clock.h"
 #include "common/runner.h"
 #include "common/text.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "clients/update.h"
 #include "common/runner.h"
 #include "common/text.h"
-#include "daemon/context.h"
+#include "model/context.h"
 
 namespace {
 

@@ -17,10 +17,10 @@
 #include "common/text.h"
 #include "config/accessors.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
 #include "macauth/acl_table.h"
 #include "macauth/macauth.h"
 #include "macauth/radius.h"
+#include "model/context.h"
 #include "snmp/traps.h"
 #include "test_dir.h"
 

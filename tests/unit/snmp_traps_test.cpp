@@ -7,7 +7,7 @@
 
 #include "common/runner.h"
 #include "config/taglist.h"
-#include "daemon/context.h"
+#include "model/context.h"
 #include "snmp/traps.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "common/runner.h"
-#include "daemon/context.h"
+#include "model/context.h"
 #include "vlan/pool.h"
 #include "vlan/rules.h"
 

@@ -13,12 +13,12 @@
 #include <mutex>
 #include <string>
 
-#include "clients/files.h"
-#include "clients/record.h"
 #include "config/taglist.h"
-#include "macauth/macauth_state.h"
-#include "snmp/event_config.h"
-#include "vlan/vlan_state.h"
+#include "model/client_files.h"
+#include "model/client_record.h"
+#include "model/event_config.h"
+#include "model/macauth_state.h"
+#include "model/vlan_state.h"
 
 namespace daemon_core {
 
