@@ -197,6 +197,16 @@ def callgrind_totals(pattern):
     return totals
 
 
+def interpreter_symbol(daemon):
+    """The full demangled name of the event interpreter in the binary."""
+    names = subprocess.run(["nm", "-C", str(daemon)], capture_output=True, text=True, check=True).stdout
+    for line in names.splitlines():
+        name = line.split(" ", 2)[-1]
+        if name.startswith("daemon_core::interpret_events(") and "[clone" not in name:
+            return name
+    raise RuntimeError(f"no daemon_core::interpret_events in {daemon}")
+
+
 def instructions(args):
     """Own instructions of one interpreter call per event, 255 clients vs 1."""
     results = {}
@@ -207,8 +217,7 @@ def instructions(args):
             sb.start_wrapped(["valgrind", "--tool=callgrind", "--collect-atstart=no",
                               "--toggle-collect=daemon_core::interpret_events*",
                               # a dump after every interpreter call (wildcards do not work here)
-                              "--dump-after=daemon_core::interpret_events(daemon_core::DaemonContext&, int, int,"
-                              " fd_set const&)",
+                              f"--dump-after={interpreter_symbol(sb.daemon_path)}",
                               f"--callgrind-out-file={out}.%p"], "callgrind", timeout=120)
             sb.feed("/etc/iwevent_pipe", [registered(i) for i in range(1, clients)], timeout=600)
 
