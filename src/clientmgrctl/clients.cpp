@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <utility>
 
 namespace clientmgrctl {
@@ -358,6 +359,27 @@ bool rewrite_finished(std::optional<std::int64_t> list_mtime, std::optional<std:
   if (list_mtime && (!assoc_mtime || *assoc_mtime < *list_mtime)) return false;
   if (assoc_mtime && (!stats_mtime || *stats_mtime < *assoc_mtime)) return false;
   return true;
+}
+
+namespace {
+// The first word of every non-empty line.
+std::set<std::string_view> record_keys(std::string_view text) {
+  std::set<std::string_view> keys;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view line = text.substr(0, end);
+    if (!line.empty()) keys.insert(line.substr(0, line.find(' ')));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return keys;
+}
+}  // namespace
+
+bool files_agree(std::string_view list, std::string_view assoc, std::string_view stats) {
+  const std::set<std::string_view> listed = record_keys(list);
+  if (record_keys(stats) != listed) return false;
+  const std::set<std::string_view> associated = record_keys(assoc);
+  return std::includes(listed.begin(), listed.end(), associated.begin(), associated.end());
 }
 
 }  // namespace clientmgrctl

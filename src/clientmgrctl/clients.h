@@ -107,4 +107,10 @@ std::string format_change(const Change& change, bool json);
 bool rewrite_finished(std::optional<std::int64_t> list_mtime, std::optional<std::int64_t> assoc_mtime,
                       std::optional<std::int64_t> stats_mtime);
 
+// Whether three file texts belong to one rewrite: /etc/clientip and
+// /etc/client_accu_stat name the same "athN:MAC" records, and every record
+// of /etc/clientip_assoc is in /etc/clientip. Modification times alone
+// cannot tell two rewrites apart within one tick of the file system clock.
+bool files_agree(std::string_view list, std::string_view assoc, std::string_view stats);
+
 }  // namespace clientmgrctl

@@ -176,12 +176,12 @@ std::optional<std::int64_t> mtime_of(const FileReading& reading) {
 // The three files as one consistent reading: every file read whole and all
 // three in place at one moment (else read again, for up to about a second),
 // and, when the daemon's rewrite order allows telling, no rewrite half done
-// (else read again for up to about 50 ms: a daemon that left a file as it
+// (else read again for up to about half a second: a daemon that left a file as it
 // was still gives a reading).
 std::optional<std::vector<Station>> read_stations(std::string& error) {
   constexpr std::array<std::string_view, 3> kPaths{kClientListPath, kClientAssocListPath, kClientStatsPath};
   constexpr int kAttempts = 500;
-  constexpr int kOrderAttempts = 25;
+  constexpr int kOrderAttempts = 250;
   std::array<FileReading, 3> files;
   int unordered = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -194,8 +194,9 @@ std::optional<std::vector<Station>> read_stations(std::string& error) {
     bool current = true;
     for (std::size_t i = 0; i < files.size(); ++i) current = current && still_current(kPaths[i], files[i]);
     if (!current) continue;
-    if (!rewrite_finished(mtime_of(files[0]), mtime_of(files[1]), mtime_of(files[2])) &&
-        ++unordered < kOrderAttempts)
+    const bool whole = rewrite_finished(mtime_of(files[0]), mtime_of(files[1]), mtime_of(files[2])) &&
+                       files_agree(files[0].text, files[1].text, files[2].text);
+    if (!whole && ++unordered < kOrderAttempts)
       continue;
     return join_clients(files[0].text, files[1].text, files[2].text);
   }

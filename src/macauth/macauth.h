@@ -29,8 +29,9 @@ int mac_auth_query_extern_acl(std::string_view mac, int mac_length, int ath,
                               daemon_core::DaemonContext& ctx);
 
 // Joins the workers that have ended and gives their stacks back to the
-// system; the main loop calls it on every pass. Main thread only.
-void reap_workers();
+// system; the main loop calls it on every pass. Main thread only. The
+// result is the number of workers on the module's stacks still running.
+int reap_workers();
 
 // Whether a RADIUS answer carrying this VLAN (-1 = none) may be accepted on
 // the VAP's WLAN: 0 allowed, -1 refused.

@@ -279,12 +279,17 @@ void start_worker(std::unique_ptr<AclQueryJob> job) {
 
 }  // namespace
 
-void reap_workers() {
+int reap_workers() {
   std::array<WorkerSlot, 2 * kMaxWorkers> ended;
+  int running = 0;
   {
     std::lock_guard<std::mutex> lock(g_worker_mutex);
     for (std::size_t i = 0; i < g_worker_slots.size(); ++i) {
-      if (g_worker_slots[i].stack == nullptr || !g_worker_slots[i].done) continue;
+      if (g_worker_slots[i].stack == nullptr) continue;
+      if (!g_worker_slots[i].done) {
+        ++running;
+        continue;
+      }
       ended[i] = g_worker_slots[i];
       g_worker_slots[i] = WorkerSlot{};
     }
@@ -294,6 +299,7 @@ void reap_workers() {
     pthread_join(slot.thread, nullptr);  // it marked itself done as its last step
     ::munmap(slot.stack, kStackMapping);
   }
+  return running;
 }
 
 namespace {

@@ -142,6 +142,14 @@ TEST(CtlRead, RewriteFinishedOnlyWhenLaterFilesAreNotOlder) {
                         {2, 1, 3, false}, {1, 2, 1, false}, {1, std::nullopt, std::nullopt, false},
                         {1, 1, std::nullopt, false}, {std::nullopt, std::nullopt, 5, true}};
   for (const Case& c : cases) EXPECT_EQ(rewrite_finished(c.list, c.assoc, c.stats), c.finished);
+
+  const std::string_view a = "ath0:00:11:22:33:44:55 10.0.0.5 1 0 1 0 1\n";
+  const std::string_view b = "ath1:00:11:22:33:44:66 0.0.0.0 2 0 1 0 2\n";
+  const std::string both = std::string(a) + std::string(b);
+  EXPECT_TRUE(files_agree(both, b, "ath0:00:11:22:33:44:55 0 0 0 0\nath1:00:11:22:33:44:66 0 0 0 0\n"));
+  EXPECT_TRUE(files_agree("", "", ""));
+  EXPECT_FALSE(files_agree(both, b, "ath0:00:11:22:33:44:55 0 0 0 0\n"));  // stats not yet rewritten
+  EXPECT_FALSE(files_agree(a, b, "ath0:00:11:22:33:44:55 0 0 0 0\n"));     // assoc ahead of the list
 }
 
 }  // namespace

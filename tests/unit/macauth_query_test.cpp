@@ -46,7 +46,8 @@ class MacAuthWorker : public ::testing::Test {
   }
   void TearDown() override {
     hold_ = false;
-    wait_idle();  // detached workers: the context may go only when all have ended
+    wait_idle();  // the context may go only when all workers have ended
+    EXPECT_TRUE(wait_until([] { return macauth::reap_workers() == 0; }));  // and are joined
     common::set_command_recorder(nullptr);
     macauth::set_request_dir_for_tests("");
   }
