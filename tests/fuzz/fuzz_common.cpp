@@ -1,5 +1,7 @@
 #include "fuzz_common.h"
 
+#include "vlan/pool.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -343,5 +345,16 @@ const char* const kMasterConfig =
     "WLAN3_VLANPOOL_LIST=\"5,7-9\"\n"
     "WLAN4_SSID=\"Lab\"\n"
     "WLAN4_L2TP_PROFILE=\"2\"\n";
+
+DefaultConfig load_default_config() {
+  DefaultConfig out;
+  out.masterconf = config::load_taglist_buffer(kMasterConfig, 1);
+  CheckingRecorder recorder;
+  auto ctx = std::make_unique<daemon_core::DaemonContext>();
+  ctx->masterconf = out.masterconf;
+  vlan::update_vlan_pool(*ctx);
+  out.vlan = ctx->vlan;
+  return out;
+}
 
 }  // namespace fuzz

@@ -10,7 +10,11 @@
 #include <string_view>
 #include <vector>
 
+#include <memory>
+
 #include "common/runner.h"
+#include "config/taglist.h"
+#include "model/context.h"
 
 namespace fuzz {
 
@@ -71,5 +75,12 @@ void write_wireless_status();
 // A master configuration with every feature the handlers look at switched
 // on (client limit, SNMP traps, bandwidth control, portal, VLANs, L2TP).
 extern const char* const kMasterConfig;
+
+// kMasterConfig loaded, and the VLAN pools it gives, built once at start.
+struct DefaultConfig {
+  std::shared_ptr<config::taglist> masterconf;
+  vlan::VlanState vlan;
+};
+DefaultConfig load_default_config();
 
 }  // namespace fuzz

@@ -88,14 +88,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::write_file("/proc/wifi1/neighbor_ap", kDefaultNeighbours);
   if (::pipe2(g_pipe, O_NONBLOCK | O_CLOEXEC) != 0) std::abort();
   ::fcntl(g_pipe[1], F_SETPIPE_SZ, 1 << 20);
-  g_masterconf = config::load_taglist_buffer(fuzz::kMasterConfig, 1);
-  {
-    fuzz::CheckingRecorder recorder;
-    auto ctx = std::make_unique<daemon_core::DaemonContext>();
-    ctx->masterconf = g_masterconf;
-    vlan::update_vlan_pool(*ctx);
-    g_vlan = ctx->vlan;
-  }
+  fuzz::DefaultConfig config = fuzz::load_default_config();
+  g_masterconf = std::move(config.masterconf);
+  g_vlan = std::move(config.vlan);
   return 0;
 }
 

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "clients/table.h"
@@ -54,14 +55,9 @@ int interface_of(std::uint8_t byte) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::require_sandbox();
   fuzz::write_wireless_status();
-  g_masterconf = config::load_taglist_buffer(fuzz::kMasterConfig, 1);
-  {
-    fuzz::CheckingRecorder recorder;
-    auto ctx = std::make_unique<daemon_core::DaemonContext>();
-    ctx->masterconf = g_masterconf;
-    vlan::update_vlan_pool(*ctx);
-    g_vlan = ctx->vlan;
-  }
+  fuzz::DefaultConfig config = fuzz::load_default_config();
+  g_masterconf = std::move(config.masterconf);
+  g_vlan = std::move(config.vlan);
   return 0;
 }
 
