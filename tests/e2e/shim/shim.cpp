@@ -41,9 +41,17 @@ namespace {
 constexpr unsigned long kStationInfoRequest = SIOCDEVPRIVATE + 6;
 constexpr long kStationEntrySize = 520;
 
+// The C library's own function behind one of ours, looked up on first use.
+// The shim is plain C at run time (no C++ runtime, so it adds no library to
+// the daemon), hence the atomic builtins instead of a guarded static.
 template <typename Fn>
-Fn next_symbol(const char* name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+Fn next_symbol(Fn& slot, const char* name) {
+  Fn fn = __atomic_load_n(&slot, __ATOMIC_ACQUIRE);
+  if (fn == nullptr) {
+    fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+    __atomic_store_n(&slot, fn, __ATOMIC_RELEASE);
+  }
+  return fn;
 }
 
 // Reads shim.conf into buf as a C string; false when there is none.
@@ -102,21 +110,27 @@ __attribute__((constructor)) void guest_setup() {
 extern "C" {
 
 time_t time(time_t* out) noexcept {
-  static auto real = next_symbol<time_t (*)(time_t*)>("time");
+  using Fn = time_t (*)(time_t*);
+  static Fn slot = nullptr;  // constant-initialised: no guard
+  auto real = next_symbol(slot, "time");
   time_t now = real(nullptr) + setting("time_offset");
   if (out != nullptr) *out = now;
   return now;
 }
 
 int gettimeofday(struct timeval* tv, void* tz) noexcept {
-  static auto real = next_symbol<int (*)(struct timeval*, void*)>("gettimeofday");
+  using Fn = int (*)(struct timeval*, void*);
+  static Fn slot = nullptr;  // constant-initialised: no guard
+  auto real = next_symbol(slot, "gettimeofday");
   int rc = real(tv, tz);
   if (rc == 0) tv->tv_sec += setting("time_offset");
   return rc;
 }
 
 int clock_gettime(clockid_t clock, struct timespec* ts) noexcept {
-  static auto real = next_symbol<int (*)(clockid_t, struct timespec*)>("clock_gettime");
+  using Fn = int (*)(clockid_t, struct timespec*);
+  static Fn slot = nullptr;  // constant-initialised: no guard
+  auto real = next_symbol(slot, "clock_gettime");
   int rc = real(clock, ts);
   if (rc == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
     ts->tv_sec += setting("time_offset");
@@ -124,7 +138,9 @@ int clock_gettime(clockid_t clock, struct timespec* ts) noexcept {
 }
 
 int sysinfo(struct sysinfo* info) noexcept {
-  static auto real = next_symbol<int (*)(struct sysinfo*)>("sysinfo");
+  using Fn = int (*)(struct sysinfo*);
+  static Fn slot = nullptr;  // constant-initialised: no guard
+  auto real = next_symbol(slot, "sysinfo");
   int rc = real(info);
   if (rc == 0) info->uptime += setting("uptime_offset");
   return rc;
@@ -147,7 +163,9 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     req->u.data.length = static_cast<uint16_t>(count * kStationEntrySize);
     return 0;
   }
-  static auto real = next_symbol<int (*)(int, unsigned long, void*)>("ioctl");
+  using Fn = int (*)(int, unsigned long, void*);
+  static Fn slot = nullptr;  // constant-initialised: no guard
+  auto real = next_symbol(slot, "ioctl");
   return real(fd, request, arg);
 }
 
