@@ -189,7 +189,12 @@ class Sandbox:
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log)
         if self._init.stdout.readline() != b"ready\n":
             self._init.wait(5)
-            raise SandboxError("namespace set-up failed:\n" + (self.root / "nsinit.log").read_text())
+            log = (self.root / "nsinit.log").read_text()
+            if "propagation" in log:
+                log += ("(in a chroot, / must be a mount point for a private mount namespace:"
+                        " bind-mount the chroot's directory onto itself first, as container"
+                        " runtimes and schroot do)\n")
+            raise SandboxError("namespace set-up failed:\n" + log)
         self._init_pid = _children(self._init.pid)[0]
         self._nsenter = ["nsenter", "-t", str(self._init_pid), "-m", "-n", "-p"]
         if self.userns:
