@@ -1,8 +1,10 @@
 #include "common/files.h"
 
 #include <fcntl.h>
-#include <stdio.h>  // renameat2, RENAME_NOREPLACE
+#include <limits.h>  // IOV_MAX
+#include <stdio.h>   // renameat2, RENAME_NOREPLACE
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -36,6 +38,40 @@ bool write_all(int fd, std::string_view data) {
   return true;
 }
 
+bool write_all(int fd, std::span<const std::string_view> pieces) {
+  std::size_t next = 0;        // first piece not wholly written
+  std::size_t done_in_it = 0;  // bytes of that piece already written
+  // A few dozen pieces per call: the kept client lines come as runs of
+  // whole lines, and a large array here would only cost stack pages.
+  constexpr int kBatch = IOV_MAX < 64 ? IOV_MAX : 64;
+  while (next < pieces.size()) {
+    struct iovec iov[kBatch];
+    int count = 0;
+    for (std::size_t i = next; i < pieces.size() && count < kBatch; ++i) {
+      const std::string_view piece = i == next ? pieces[i].substr(done_in_it) : pieces[i];
+      if (piece.empty()) continue;
+      iov[count].iov_base = const_cast<char*>(piece.data());
+      iov[count].iov_len = piece.size();
+      ++count;
+    }
+    if (count == 0) return true;
+    ssize_t n = ::writev(fd, iov, count);
+    if (n <= 0) return false;
+    // Step past what was written.
+    for (auto left = static_cast<std::size_t>(n); left > 0;) {
+      const std::size_t rest = pieces[next].size() - done_in_it;
+      if (left < rest) {
+        done_in_it += left;
+        break;
+      }
+      left -= rest;
+      done_in_it = 0;
+      ++next;
+    }
+  }
+  return true;
+}
+
 int common_write_file(const std::string& path, std::string_view data) {
   FilePtr f(std::fopen(path.c_str(), "w"));
   if (!f) return -1;
@@ -52,6 +88,11 @@ std::string common_readfile_firstline(const std::string& path) {
 }
 
 int replace_file_atomically(const std::string& destination, std::string_view content) {
+  return replace_file_atomically(destination, std::span<const std::string_view>(&content, 1));
+}
+
+int replace_file_atomically(const std::string& destination,
+                            std::span<const std::string_view> pieces) {
   // The temporary file sits beside the destination so that rename() never
   // crosses a file system; readers see the old or the new file, never a part.
   std::string dir = ".";
@@ -66,7 +107,7 @@ int replace_file_atomically(const std::string& destination, std::string_view con
   int fd = ::mkstemp(name.data());
   if (fd < 0) return -1;
   // mkstemp leaves the file 0600, the mode the replaced file keeps.
-  bool ok = write_all(fd, content);
+  bool ok = write_all(fd, pieces);
   if (::close(fd) != 0) ok = false;
   if (ok && ::rename(name.data(), destination.c_str()) == 0) return 0;
   ::unlink(name.data());

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,8 @@ FileStamp file_stamp(const char* path);
 
 // Writes all of data to the descriptor; false when a write fails.
 bool write_all(int fd, std::string_view data);
+// The pieces in order, through writev; false when a write fails.
+bool write_all(int fd, std::span<const std::string_view> pieces);
 
 // Writes the buffer to the path (truncating). 0 when all of it was written,
 // -1 when the file cannot be opened or the write fell short.
@@ -44,6 +47,10 @@ std::string common_readfile_firstline(const std::string& path);
 // and renamed onto it, mode 0600. 0 on success, -1 on failure (the old file
 // stays).
 int replace_file_atomically(const std::string& destination, std::string_view content);
+// The same with the content given as pieces, written in order with as few
+// writev calls as it takes (one for up to 64 non-empty pieces).
+int replace_file_atomically(const std::string& destination,
+                            std::span<const std::string_view> pieces);
 
 }  // namespace common
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/iface.h"
@@ -26,8 +27,7 @@ struct ClientFileCache {
   std::string list_text, stats_text;
   std::vector<std::uint32_t> list_offset, stats_offset;
   std::vector<std::uint8_t> current;  // per slot: listed in the associated list
-  std::string assoc_text;
-  bool assoc_valid = false;
+  std::vector<std::string_view> assoc_pieces;  // the associated list's runs, at its write
 };
 
 }  // namespace clients

@@ -73,7 +73,7 @@ def test_deb_and_tarball_hold_the_stripped_daemon_and_the_files_the_readme_lists
     with tarfile.open(tgz) as tar:
         assert {m.name for m in tar.getmembers() if m.isfile()} == files
     info = run(["dpkg-deb", "-f", str(deb), "Package", "Version", "Architecture", "Depends"]).stdout
-    assert "Package: clientmgr" in info and "libstdc++6" in info, info
+    assert "Package: clientmgr" in info and "libc6" in info, info
     # The README's list of installed files is the package's.
     readme = (REPO / "README.md").read_text()
     listed = set(re.findall(r"^\| `/(usr/[^`]+)` \|", readme, re.M))
@@ -86,6 +86,12 @@ def test_deb_and_tarball_hold_the_stripped_daemon_and_the_files_the_readme_lists
         if f.startswith("usr/sbin/") or f.startswith("usr/bin/"):
             sections = run(["readelf", "-S", str(extracted / f)]).stdout
             assert ".debug_info" not in sections and ".symtab" not in sections, f
+            # Every shared library a binary needs is one the package depends on.
+            needed = set(re.findall(r"\(NEEDED\)\s+Shared library: \[([^\]]+)\]",
+                                    run(["readelf", "-d", str(extracted / f)]).stdout))
+            needed = {n for n in needed if not n.startswith("ld-")}  # the loader is libc6's
+            assert needed <= {"libc.so.6", "libstdc++.so.6", "libgcc_s.so.1", "libm.so.6"}, needed
+            assert "libstdc++6" in info or "libstdc++.so.6" not in needed, (f, needed, info)
 
 
 def test_init_scripts_pass_sh_n_and_shellcheck():

@@ -47,4 +47,22 @@ TEST(Files, WriteFirstLineAndAtomicReplace) {
   EXPECT_EQ(common::replace_file_atomically("/nonexistent-dir/x", "a"), -1);
 }
 
+TEST(Files, PiecesAreWrittenInOrderAcrossWritevBatches) {
+  const std::string path = test_support::own_temp_dir() + "/common_pieces.txt";
+  std::vector<std::string> lines;
+  std::vector<std::string_view> pieces;
+  std::string whole;
+  for (int i = 0; i < 200; ++i) lines.push_back(i % 3 == 0 ? "" : "line " + std::to_string(i) + "\n");
+  for (const std::string& line : lines) {
+    pieces.push_back(line);
+    whole += line;
+  }
+  ASSERT_EQ(common::replace_file_atomically(path, pieces), 0);
+  std::ifstream in(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), whole);
+  ASSERT_EQ(common::replace_file_atomically(path, std::span<const std::string_view>()), 0);
+  std::ifstream empty(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(empty), {}), "");
+}
+
 }  // namespace
