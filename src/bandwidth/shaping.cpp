@@ -82,7 +82,9 @@ void set_bandwidth_numbers(clients::BandwidthBlock& block, unsigned slot, int wl
 void set_bandwidth_radio(clients::BandwidthBlock& block, int radio, std::string_view radio_dev) {
   block.radio = radio;
   block.tc_major = radio == 1 ? 3 : 2;
-  block.tc_dev = std::string(radio_dev);
+  // A longer name is no device name: it is kept as none, which the command
+  // builder refuses in the same way.
+  block.tc_dev = radio_dev.size() <= block.tc_dev.capacity() ? radio_dev : std::string_view();
 }
 
 unsigned free_bandwidth_slot(const daemon_core::DaemonContext& ctx, int ath) {

@@ -84,7 +84,7 @@ void check_radio_limit(const ClientRecord& record) {
   }
   if (total < limit) return;
 
-  snmp::MaxStationReport report{record.mac, config::get_snmp_trap_radio_band(radio)};
+  snmp::MaxStationReport report{std::string(record.mac), config::get_snmp_trap_radio_band(radio)};
   if (record.owner == nullptr) return;
   daemon_core::DaemonContext& ctx = *record.owner;
   std::optional<snmp::EventConfig> event_config;

@@ -13,7 +13,6 @@
 #include "clients/table.h"
 #include "common/command.h"
 #include "common/runner.h"
-#include "common/text.h"
 #include "config/taglist.h"
 #include "daemon/client_pipe.h"
 #include "daemon/netlink.h"
@@ -60,7 +59,8 @@ int make_fifo(const std::string& path, mode_t mode) {
   return failed;
 }
 
-int fill_known_ap_list(std::array<std::string, kKnownApSlots>& slots, std::string_view list) {
+int fill_known_ap_list(std::array<common::FixedText<kKnownApLength>, kKnownApSlots>& slots,
+                       std::string_view list) {
   int count = 0;
   std::size_t pos = 0;
   while (count < kKnownApSlots) {
@@ -68,7 +68,7 @@ int fill_known_ap_list(std::array<std::string, kKnownApSlots>& slots, std::strin
     if (pos == std::string_view::npos) break;
     std::size_t end = list.find(' ', pos);
     if (end == std::string_view::npos) end = list.size();
-    slots[count++] = common::cut(list.substr(pos, end - pos), kKnownApLength);
+    slots[count++] = list.substr(pos, end - pos).substr(0, kKnownApLength);
     pos = end;
   }
   return count;
@@ -114,7 +114,7 @@ LoopSources start_daemon(DaemonContext& ctx) {
 
   snmp::load_trap_settings(ctx);
 
-  for (std::string& slot : ctx.known_ap) slot.clear();
+  for (auto& slot : ctx.known_ap) slot.clear();
   ctx.known_ap_count = fill_known_ap_list(
       ctx.known_ap, config::get_taglist_default_ex(ctx.masterconf.get(), "", "KNOWN_AP_LIST"));
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/fixed_text.h"
 #include "model/context.h"
 
 namespace daemon_core {
@@ -33,7 +34,8 @@ int make_fifo(const std::string& path, mode_t mode);
 
 // Fills the known AP slots from the space-separated list: each token cut to
 // 17 characters, at most 256 tokens. The number of filled slots.
-int fill_known_ap_list(std::array<std::string, kKnownApSlots>& slots, std::string_view list);
+int fill_known_ap_list(std::array<common::FixedText<kKnownApLength>, kKnownApSlots>& slots,
+                       std::string_view list);
 
 // Runs the start-up steps on a fresh context and returns what the loop
 // waits on. Exits with status 1 when a pipe or the netlink socket cannot be

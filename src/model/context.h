@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/fixed_text.h"
 #include "config/taglist.h"
 #include "model/client_files.h"
 #include "model/client_record.h"
@@ -27,7 +28,7 @@ inline constexpr std::size_t kKnownApLength = 17;
 
 struct DaemonContext {
   std::array<clients::ClientRecord, clients::kClientSlots> records;
-  std::array<std::string, kKnownApSlots> known_ap;  // each at most 17 characters
+  std::array<common::FixedText<kKnownApLength>, kKnownApSlots> known_ap;  // each at most 17 characters
   std::int32_t known_ap_count = 0;
   std::uint32_t client_count = 0;     // high-water mark of used slots
   std::int32_t files_refresh = 0;     // 1 while an expiry + file rewrite is due

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/fixed_text.h"
+
 namespace macauth {
 
 inline constexpr int kWlanCount = 16;
@@ -22,7 +24,7 @@ struct RadiusServer {
 struct AclCacheSlot {
   std::uint32_t stamp = 0;  // cache: when stored; pending: 1 = in use
   std::int16_t vlan = 0;    // cache: the VLAN answered (-1 = none)
-  std::string mac;          // at most 20 characters, as the driver gave it
+  common::FixedText<20> mac;  // at most 20 characters, as the driver gave it
 };
 
 struct WlanAclConfig {

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "common/files.h"
+#include "common/fixed_text.h"
 #include "common/mac.h"
 #include "common/runner.h"
 #include "common/text.h"
@@ -26,6 +27,28 @@ TEST(ValidMac, CanonicalisesOrRejects) {
       EXPECT_EQ(text, c.after);
     }
   }
+}
+
+TEST(FixedText, CutsAtNulThenAtCapacity) {
+  using namespace std::string_view_literals;
+  struct Case { std::string_view in; std::string_view want; };
+  const Case cases[] = {
+      {"00:11:22:33:44:55", "00:11:22:33:44:55"},
+      {"00:11:22:33:44:55:66", "00:11:22:33:44:55"},
+      {"00:11\0:22"sv, "00:11"},
+      {"", ""},
+  };
+  common::FixedText<17> text = "aa:bb:cc:dd:ee:ff:00";  // each case goes over the one before
+  for (const Case& c : cases) {
+    text = c.in;
+    EXPECT_EQ(std::string_view(text), c.want) << c.in;
+    EXPECT_EQ(std::string_view(text.c_str()), c.want) << "a NUL follows the text";
+  }
+  text = "00:11:22:33:44:55";
+  EXPECT_TRUE(text == "00:11:22:33:44:55");
+  EXPECT_FALSE(text == "00:11:22:33:44:55:66") << "the other side is not cut";
+  EXPECT_FALSE(text == "00:11:22:33:44:5");
+  EXPECT_TRUE(text != common::FixedText<17>("00:11:22:33:44:56"));
 }
 
 TEST(Runner, WaitStatusCutOutputAndOwnFormat) {

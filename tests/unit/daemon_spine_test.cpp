@@ -51,7 +51,7 @@ TEST(SpineClientLine, FieldsAndLinesWithoutMac) {
 TEST(SpineKnownAp, KeepsTheFirst256AndCutsTokensTo17) {
   std::string list;
   for (int i = 0; i < 300; ++i) list += "00:11:22:33:" + std::to_string(100 + i) + " ";
-  std::array<std::string, daemon_core::kKnownApSlots> slots;
+  std::array<common::FixedText<daemon_core::kKnownApLength>, daemon_core::kKnownApSlots> slots;
   EXPECT_EQ(daemon_core::fill_known_ap_list(slots, list), 256);
   EXPECT_EQ(slots[255], "00:11:22:33:355");
   EXPECT_EQ(daemon_core::fill_known_ap_list(slots, "  AA:BB:CC:DD:EE:FF   aa:bb:cc:dd:ee:ff:00:11 x "), 3);

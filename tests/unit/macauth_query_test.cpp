@@ -103,7 +103,7 @@ TEST_F(MacAuthWorker, SilentFirstServerThenAcceptIsCachedForThePeriodOnly) {
   ctx_->macauth.acl_cache_period = 30;
   EXPECT_EQ(query(kStation), 0);
   wait_idle();
-  EXPECT_EQ(wlan().cache[0].mac + " " + std::to_string(wlan().cache[0].vlan), std::string(kStation) + " 12");
+  EXPECT_EQ(std::string(wlan().cache[0].mac) + " " + std::to_string(wlan().cache[0].vlan), std::string(kStation) + " 12");
   // Within the period: answered at once, no worker; after it: asked again.
   for (const std::int64_t age : {25, 31}) {
     wlan().cache[0].stamp = static_cast<std::uint32_t>(common::wall_now() - age);
