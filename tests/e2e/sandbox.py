@@ -196,7 +196,9 @@ class Sandbox:
                         " runtimes and schroot do)\n")
             raise SandboxError("namespace set-up failed:\n" + log)
         self._init_pid = _children(self._init.pid)[0]
-        self._nsenter = ["nsenter", "-t", str(self._init_pid), "-m", "-n", "-p"]
+        # -r: the root directory of the sandbox's pid 1, which differs from the
+        # mount namespace's own root when the tests run inside a chroot.
+        self._nsenter = ["nsenter", "-t", str(self._init_pid), "-m", "-n", "-p", "-r"]
         if self.userns:
             self._nsenter[1:1] = ["-U", "--preserve-credentials"]
 
