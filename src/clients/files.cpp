@@ -59,6 +59,7 @@ void refresh_cache(daemon_core::DaemonContext& ctx) {
     cache.list_offset.assign(1, 0);
     cache.stats_offset.assign(1, 0);
     cache.current.clear();  // every slot of the range is formatted below
+    cache.assoc_valid = false;
     cache.valid = true;
   }
   const std::size_t kept = cache.current.size();
@@ -68,6 +69,7 @@ void refresh_cache(daemon_core::DaemonContext& ctx) {
     cache.stats_offset.resize(end + 1);
     cache.list_text.resize(cache.list_offset.back());
     cache.stats_text.resize(cache.stats_offset.back());
+    cache.assoc_valid = false;
   } else if (kept < end) {
     cache.current.resize(end, 0);
     cache.list_offset.resize(end + 1, cache.list_offset.back());
@@ -76,6 +78,7 @@ void refresh_cache(daemon_core::DaemonContext& ctx) {
     cache.any_changed = true;
   }
   if (!cache.any_changed) return;
+  cache.assoc_valid = false;
   for (std::size_t i = 0; i < end; ++i) {
     if (cache.changed[i] == 0) continue;
     cache.changed[i] = 0;
@@ -94,6 +97,7 @@ void refresh_cache(daemon_core::DaemonContext& ctx) {
   // Slots past the used range are formatted anyway once the range reaches them.
   std::fill(cache.changed.begin() + static_cast<std::ptrdiff_t>(end), cache.changed.end(), 0);
   cache.any_changed = false;
+  cache.assoc_valid = false;
 }
 
 // The new file replaces the old one whole. The guard is cleared before the
@@ -146,19 +150,22 @@ int write_client_list(daemon_core::DaemonContext& ctx, const std::string& destin
   // The associated list is the kept lines of the current slots, handed to
   // the write as runs of adjacent lines rather than copied.
   std::vector<std::string_view>& pieces = cache.assoc_pieces;
-  pieces.clear();
-  const std::string_view text = cache.list_text;
-  std::size_t run_begin = 0, run_end = 0;
-  for (std::size_t i = 0; i < cache.current.size(); ++i) {
-    const std::uint32_t begin = cache.list_offset[i], end = cache.list_offset[i + 1];
-    if (cache.current[i] != 1 || begin == end) continue;
-    if (begin != run_end) {
-      if (run_end > run_begin) pieces.push_back(text.substr(run_begin, run_end - run_begin));
-      run_begin = begin;
+  if (!cache.assoc_valid) {
+    pieces.clear();
+    const std::string_view text = cache.list_text;
+    std::size_t run_begin = 0, run_end = 0;
+    for (std::size_t i = 0; i < cache.current.size(); ++i) {
+      const std::uint32_t begin = cache.list_offset[i], end = cache.list_offset[i + 1];
+      if (cache.current[i] != 1 || begin == end) continue;
+      if (begin != run_end) {
+        if (run_end > run_begin) pieces.push_back(text.substr(run_begin, run_end - run_begin));
+        run_begin = begin;
+      }
+      run_end = end;
     }
-    run_end = end;
+    if (run_end > run_begin) pieces.push_back(text.substr(run_begin, run_end - run_begin));
+    cache.assoc_valid = true;
   }
-  if (run_end > run_begin) pieces.push_back(text.substr(run_begin, run_end - run_begin));
   return replace(ctx, destination, pieces);
 }
 

@@ -27,7 +27,10 @@ struct ClientFileCache {
   std::string list_text, stats_text;
   std::vector<std::uint32_t> list_offset, stats_offset;
   std::vector<std::uint8_t> current;  // per slot: listed in the associated list
-  std::vector<std::string_view> assoc_pieces;  // the associated list's runs, at its write
+  // The associated list: runs of adjacent current lines in list_text, made
+  // again only after list_text changed.
+  std::vector<std::string_view> assoc_pieces;
+  bool assoc_valid = false;
 };
 
 }  // namespace clients
