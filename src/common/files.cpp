@@ -29,15 +29,6 @@ FileStamp file_stamp(const char* path) {
                    static_cast<long long>(st.st_ctim.tv_nsec)};
 }
 
-bool write_all(int fd, std::string_view data) {
-  while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
-    if (n <= 0) return false;
-    data.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
-}
-
 bool write_all(int fd, std::span<const std::string_view> pieces) {
   std::size_t next = 0;        // first piece not wholly written
   std::size_t done_in_it = 0;  // bytes of that piece already written
@@ -70,6 +61,10 @@ bool write_all(int fd, std::span<const std::string_view> pieces) {
     }
   }
   return true;
+}
+
+bool write_all(int fd, std::string_view data) {
+  return write_all(fd, std::span<const std::string_view>(&data, 1));
 }
 
 int common_write_file(const std::string& path, std::string_view data) {

@@ -68,7 +68,7 @@ int fill_known_ap_list(std::array<common::FixedText<kKnownApLength>, kKnownApSlo
     if (pos == std::string_view::npos) break;
     std::size_t end = list.find(' ', pos);
     if (end == std::string_view::npos) end = list.size();
-    slots[count++] = list.substr(pos, end - pos).substr(0, kKnownApLength);
+    slots[count++] = list.substr(pos, end - pos);  // cut to its 17 characters
     pos = end;
   }
   return count;

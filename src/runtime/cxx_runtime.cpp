@@ -25,8 +25,10 @@ namespace {
   std::abort();
 }
 
+void* allocate_or_null(std::size_t size) { return std::malloc(size == 0 ? 1 : size); }
+
 void* allocate(std::size_t size) {
-  void* block = std::malloc(size == 0 ? 1 : size);
+  void* block = allocate_or_null(size);
   if (block == nullptr) fail("out of memory");
   return block;
 }
@@ -35,12 +37,8 @@ void* allocate(std::size_t size) {
 
 void* operator new(std::size_t size) { return allocate(size); }
 void* operator new[](std::size_t size) { return allocate(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size == 0 ? 1 : size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size == 0 ? 1 : size);
-}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate_or_null(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate_or_null(size); }
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
