@@ -16,6 +16,23 @@
 
 namespace common {
 
+namespace {
+std::atomic<std::uint64_t> g_look{0};       // 0: no look in progress
+std::atomic<std::uint64_t> g_last_look{0};  // the last look number handed out
+}  // namespace
+
+std::uint64_t current_look() { return g_look.load(std::memory_order_acquire); }
+
+void begin_look() { g_look.store(++g_last_look, std::memory_order_release); }
+
+void end_look() { g_look.store(0, std::memory_order_release); }
+
+void renew_look() {
+  std::uint64_t look = g_look.load(std::memory_order_acquire);
+  // A look ended meanwhile by the main loop stays ended.
+  if (look != 0) g_look.compare_exchange_strong(look, ++g_last_look, std::memory_order_acq_rel);
+}
+
 FileStamp file_stamp(const char* path) {
   struct stat st {};
   if (::stat(path, &st) != 0) return FileStamp{};

@@ -1,6 +1,7 @@
 // Whole-file helpers.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <span>
@@ -28,6 +29,18 @@ struct FileStamp {
   bool operator==(const FileStamp&) const = default;
 };
 FileStamp file_stamp(const char* path);
+
+// Small input files that only other programs change (interface names, the
+// wireless status) are looked at (one stat) at most once per look. A look
+// starts when the main loop wakes and again after every command the daemon
+// runs; it ends when the loop goes back to sleep. Outside a look (start-up,
+// tests, tools) current_look() is 0 and every lookup looks at the file.
+std::uint64_t current_look();
+void begin_look();
+void end_look();
+// After a command: a look in progress starts afresh (the command may have
+// rewritten a file); no look stays no look.
+void renew_look();
 
 // Writes all of data to the descriptor; false when a write fails.
 bool write_all(int fd, std::string_view data);

@@ -14,14 +14,18 @@ namespace common {
 namespace {
 
 // The table as last read from the file, and what stat() said about the file
-// then: every lookup looks at the file again (one stat) and reads it only
-// when that changed, so an edit still counts from the next call on.
+// then: a lookup looks at the file again (one stat, once per look) and reads
+// it only when that changed, so an edit counts from the next look on.
 std::mutex g_table_mutex;
 bool g_table_loaded = false;     // guarded by g_table_mutex
+std::uint64_t g_table_look = 0;  // guarded by g_table_mutex; the look it was checked in
 FileStamp g_table_stamp;         // guarded by g_table_mutex
 InterfaceTable g_table;          // guarded by g_table_mutex
 
 const InterfaceTable& fresh_table() {
+  const std::uint64_t look = current_look();
+  if (g_table_loaded && look != 0 && look == g_table_look) return g_table;
+  g_table_look = look;
   const FileStamp stamp = file_stamp(kDevLanIfPath);
   if (!g_table_loaded || !(stamp == g_table_stamp)) {
     read_interface_from_file(g_table);

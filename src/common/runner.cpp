@@ -1,5 +1,7 @@
 #include "common/runner.h"
 
+#include "common/files.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -47,10 +49,16 @@ pid_t spawn_shell(const std::string& command, int* out_fd) {
 
 int wait_for(pid_t pid) {
   int status = 0;
+  int result = 0;
   while (::waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
+    if (errno != EINTR) {
+      result = -1;
+      break;
+    }
   }
-  return status;
+  // The command may have rewritten a file the daemon reads.
+  renew_look();
+  return result == 0 ? status : -1;
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "clients/notifier.h"
 #include "clients/table.h"
 #include "common/clock.h"
+#include "common/files.h"
 #include "daemon/client_pipe.h"
 #include "daemon/netlink.h"
 #include "daemon/interpreter.h"
@@ -85,7 +86,10 @@ void run_loop(DaemonContext& ctx, const LoopSources& sources) {
     FD_SET(sources.netlink, &ready);
 
     timeout = next_select_timeout(ctx.fast_poll, timeout);
-    if (::select(last_fd + 1, &ready, nullptr, nullptr, &timeout) == -1) {
+    common::end_look();
+    const int selected = ::select(last_fd + 1, &ready, nullptr, nullptr, &timeout);
+    common::begin_look();
+    if (selected == -1) {
       std::perror("Wait on pipe fail");
       std::printf("last_fd = %d next_timeout = %p %ld %ld\n", last_fd,
                   static_cast<void*>(&timeout), static_cast<long>(timeout.tv_sec),

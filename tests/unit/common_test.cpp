@@ -57,6 +57,21 @@ TEST(Runner, WaitStatusCutOutputAndOwnFormat) {
   EXPECT_EQ(common::copy_as_own_format("100%% of %s"), "100% of %s");
 }
 
+// Cached small files are looked at again in each look; a command run during
+// a look starts a new one, but must not revive a look the loop has ended.
+TEST(Files, LooksRenewOnlyWhileInProgress) {
+  EXPECT_EQ(common::current_look(), 0u);
+  common::begin_look();
+  const auto first = common::current_look();
+  EXPECT_NE(first, 0u);
+  EXPECT_EQ(common::run_command("true"), 0);
+  EXPECT_NE(common::current_look(), first);
+  EXPECT_NE(common::current_look(), 0u);
+  common::end_look();
+  common::renew_look();
+  EXPECT_EQ(common::current_look(), 0u);
+}
+
 TEST(Files, WriteFirstLineAndAtomicReplace) {
   const std::string path = test_support::own_temp_dir() + "/common_files.txt";
   ASSERT_EQ(common::common_write_file(path, "abc\ndef\n"), 0);
