@@ -3,7 +3,9 @@
 #include "common/files.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,32 +21,67 @@ namespace {
 std::mutex g_recorder_mutex;
 const CommandRecorder* g_recorder = nullptr;
 
+// What the child needs between clone and exec; it shares the memory.
+struct ShellChild {
+  char* const* argv;
+  int out_fd;          // the pipe's write end to become stdout, or -1
+  int exec_error = 0;  // errno of a failed dup2 or exec, set by the child
+};
+
+// The child of clone(CLONE_VM | CLONE_VFORK): only system calls until exec.
+// posix_spawn would first reset every signal's handler in the child, some
+// 130 system calls per command; the daemon installs no signal handlers, so
+// there is none that could run here between clone and exec. The sanitizers
+// stay out: their bookkeeping belongs to the waiting thread.
+__attribute__((no_sanitize("address", "thread", "undefined"))) int exec_shell(void* arg) {
+  auto* child = static_cast<ShellChild*>(arg);
+  if (child->out_fd >= 0) {
+    // dup2 onto itself would keep close-on-exec: clear it instead.
+    const int rc = child->out_fd == STDOUT_FILENO ? ::fcntl(STDOUT_FILENO, F_SETFD, 0)
+                                                  : ::dup2(child->out_fd, STDOUT_FILENO);
+    if (rc < 0) {
+      child->exec_error = errno;
+      ::_exit(127);
+    }
+  }
+  ::execve("/bin/sh", child->argv, environ);
+  child->exec_error = errno;
+  ::_exit(127);
+}
+
+int wait_for(pid_t pid);
+
 // Starts /bin/sh -c command; when out_fd is given the child's stdout is the
 // write end of a pipe whose read end is stored there.
 pid_t spawn_shell(const std::string& command, int* out_fd) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
   int pipe_fds[2] = {-1, -1};
-  if (out_fd) {
-    if (::pipe2(pipe_fds, O_CLOEXEC) != 0) {
-      posix_spawn_file_actions_destroy(&actions);
-      return -1;
-    }
-    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
-  }
+  if (out_fd && ::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
   const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
+  ShellChild child{const_cast<char* const*>(argv), pipe_fds[1]};
+  // The child runs on a stack of its own until exec while this thread waits
+  // (CLONE_VFORK); the dynamic linker may resolve a symbol on it, hence the
+  // margin. Mapped for this command only: on the caller's stack it would
+  // push the caller's next frames deeper, pages kept dirty for good.
+  constexpr std::size_t kChildStack = 16 * 1024;
+  void* stack = ::mmap(nullptr, kChildStack, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
   pid_t pid = -1;
-  int rc = posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char**>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (out_fd) {
-    ::close(pipe_fds[1]);
-    if (rc != 0) {
-      ::close(pipe_fds[0]);
-      return -1;
-    }
-    *out_fd = pipe_fds[0];
+  if (stack != MAP_FAILED) {
+    pid = ::clone(exec_shell, static_cast<char*>(stack) + kChildStack,
+                  CLONE_VM | CLONE_VFORK | SIGCHLD, &child);
+    ::munmap(stack, kChildStack);
   }
-  return rc == 0 ? pid : -1;
+  if (out_fd) ::close(pipe_fds[1]);
+  if (pid > 0 && child.exec_error != 0) {
+    wait_for(pid);
+    pid = -1;
+  }
+  if (pid < 0) {
+    if (out_fd) ::close(pipe_fds[0]);
+    return -1;
+  }
+  if (out_fd) *out_fd = pipe_fds[0];
+  return pid;
 }
 
 int wait_for(pid_t pid) {
