@@ -139,7 +139,7 @@ class Sandbox:
         self.root = Path(tempfile.mkdtemp(prefix="clientmgr-e2e-", dir=base))
         os.chmod(self.root, 0o755)  # tools that drop privileges reach /dev/log through it
         self._proc = self.pid = None   # nsenter running the daemon; the daemon's pid on the host
-        self._time_offset = self._uptime_offset = self._ifaces = 0
+        self._time_offset = self._uptime_offset = self._ifaces = self._shim_generation = 0
         self._stations = {}
         self._syslog = self._init = self._init_pid = None  # _init: unshare, parent of the sandbox's pid 1
         self._peers = []           # processes of spawn_in_ns
@@ -312,6 +312,14 @@ class Sandbox:
         tmp = self.root / "shim.conf.new"
         tmp.write_text("\n".join(lines) + "\n")
         os.replace(tmp, self.root / "shim.conf")
+        # The shim reads shim.conf again when this count moves (it maps the
+        # file: no system call per clock read).
+        self._shim_generation += 1
+        fd = os.open(self.root / "shim.gen", os.O_RDWR | os.O_CREAT, 0o644)
+        try:
+            os.pwrite(fd, (self._shim_generation & 0xffffffff).to_bytes(4, "little").ljust(4096, b"\0"), 0)
+        finally:
+            os.close(fd)
 
     def advance_time(self, seconds):
         """Moves the daemon's wall clock and uptime forward; it notices at its next loop pass: poke() it."""

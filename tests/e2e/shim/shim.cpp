@@ -2,8 +2,10 @@
 //
 // Moves the daemon's two clocks and stands in for the wireless driver's
 // station-information request. The settings are read from
-// $CLIENTMGR_SANDBOX/shim.conf on every call, so a test changes them while
-// the daemon runs by replacing that file (write a new one, then rename):
+// $CLIENTMGR_SANDBOX/shim.conf, read again whenever the count at the start
+// of $CLIENTMGR_SANDBOX/shim.gen moved, so a test changes them while the
+// daemon runs by replacing that file (write a new one, then rename) and then
+// counting one up:
 //
 //   time_offset N        seconds added to time(), gettimeofday() and
 //                        clock_gettime(CLOCK_REALTIME, CLOCK_REALTIME_COARSE)
@@ -20,10 +22,13 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <net/if.h>
+#include <pthread.h>
+#include <sys/stat.h>
 // after net/if.h, which keeps linux/if.h from redefining struct ifreq
 #include <linux/sockios.h>
 #include <linux/wireless.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/sysinfo.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -54,20 +59,79 @@ Fn next_symbol(Fn& slot, const char* name) {
   return fn;
 }
 
-// Reads shim.conf into buf as a C string; false when there is none.
-bool read_settings(char* buf, size_t size) {
-  const char* dir = getenv("CLIENTMGR_SANDBOX");
-  if (dir == nullptr) return false;
+// The settings as last read. The harness counts its replacements of
+// shim.conf in shim.gen (32 bits at its start), mapped here once: a call
+// reads shim.conf again only when that count moved, and makes no system call
+// otherwise. Without shim.gen, a stat of shim.conf tells whether it changed.
+pthread_mutex_t g_settings_mutex = PTHREAD_MUTEX_INITIALIZER;
+char g_settings[4096];                         // guarded by g_settings_mutex
+bool g_settings_read = false;                  // guarded by g_settings_mutex
+struct stat g_settings_stat;                   // guarded by g_settings_mutex
+bool g_generation_tried = false;               // guarded by g_settings_mutex
+const uint32_t* g_generation = nullptr;        // guarded by g_settings_mutex
+uint32_t g_settings_generation = 0;            // guarded by g_settings_mutex
+
+bool same_file(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+// Maps dir/shim.gen the first time; null when there is none.
+const uint32_t* generation(const char* dir) {
+  if (!g_generation_tried) {
+    g_generation_tried = true;
+    char path[4096];
+    int len = snprintf(path, sizeof path, "%s/shim.gen", dir);
+    int fd = len > 0 && static_cast<size_t>(len) < sizeof path ? open(path, O_RDONLY | O_CLOEXEC) : -1;
+    if (fd >= 0) {
+      void* map = mmap(nullptr, sizeof(uint32_t), PROT_READ, MAP_SHARED, fd, 0);
+      close(fd);
+      if (map != MAP_FAILED) g_generation = static_cast<const uint32_t*>(map);
+    }
+  }
+  return g_generation;
+}
+
+// Reads dir/shim.conf into g_settings; false when there is none.
+bool load_settings(const char* dir) {
   char path[4096];
   int len = snprintf(path, sizeof path, "%s/shim.conf", dir);
   if (len < 0 || static_cast<size_t>(len) >= sizeof path) return false;
   int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  ssize_t n = read(fd, buf, size - 1);
+  ssize_t n = read(fd, g_settings, sizeof g_settings - 1);
   close(fd);
   if (n < 0) return false;
-  buf[n] = '\0';
+  g_settings[n] = '\0';
   return true;
+}
+
+// Copies the settings into buf as a C string; false when there are none.
+bool read_settings(char* buf, size_t size) {
+  const char* dir = getenv("CLIENTMGR_SANDBOX");
+  if (dir == nullptr) return false;
+  pthread_mutex_lock(&g_settings_mutex);
+  if (const uint32_t* count = generation(dir)) {
+    const uint32_t now = __atomic_load_n(count, __ATOMIC_ACQUIRE);
+    if (!g_settings_read || now != g_settings_generation) {
+      g_settings_generation = now;
+      g_settings_read = load_settings(dir);
+    }
+  } else {
+    char path[4096];
+    int len = snprintf(path, sizeof path, "%s/shim.conf", dir);
+    struct stat now;
+    if (len < 0 || static_cast<size_t>(len) >= sizeof path || stat(path, &now) != 0) {
+      g_settings_read = false;
+    } else if (!g_settings_read || !same_file(now, g_settings_stat)) {
+      g_settings_read = load_settings(dir);
+      g_settings_stat = now;
+    }
+  }
+  const bool ok = g_settings_read;
+  if (ok) snprintf(buf, size, "%s", g_settings);
+  pthread_mutex_unlock(&g_settings_mutex);
+  return ok;
 }
 
 // The number on the line "key N", or on "key ifname N" when ifname is given.
