@@ -40,7 +40,6 @@ import re
 import select
 import signal
 import statistics
-import struct
 import subprocess
 import sys
 import time
@@ -307,42 +306,39 @@ def burst(args):
 
 
 class FileWatch:
-    """Wakes when a file of the sandbox is renamed into place, as the daemon
-    replaces its files (inotify on the directory): the moment a rewrite lands
-    is seen without polling, which would take CPU from the daemon, and the
-    file is read only when it is the one renamed."""
+    """Wakes when a file of the sandbox is replaced by a rename (inotify: on
+    the file itself, whose link count the rename drops, or on its directory
+    while it does not exist yet): the moment a rewrite lands is seen without
+    polling, which would take CPU from the daemon, and without waking for the
+    daemon's other files."""
 
-    IN_MOVED_TO, IN_CLOEXEC = 0x80, 0o2000000
-    EVENT = struct.Struct("iIII")  # wd, mask, cookie, length of the name that follows
+    IN_MODIFY, IN_ATTRIB, IN_MOVED_TO, IN_DELETE_SELF = 0x2, 0x4, 0x80, 0x400
+    IN_CLOEXEC = 0o2000000
 
     def __init__(self, sb, path):
         libc = ctypes.CDLL(None, use_errno=True)
         self.path = sb.host_path(path)
         self.fd = libc.inotify_init1(self.IN_CLOEXEC)
-        if self.fd < 0 or libc.inotify_add_watch(self.fd, str(self.path.parent).encode(), self.IN_MOVED_TO) < 0:
-            raise OSError(ctypes.get_errno(), f"inotify on {self.path.parent}")
-
-    def renamed(self, timeout):
-        """The names renamed into the directory since the last call, and
-        time.monotonic() when the wait for them ended."""
-        if not select.select([self.fd], [], [], timeout)[0]:
-            raise TimeoutError(f"nothing renamed into {self.path.parent}")
-        seen = time.monotonic()
-        data, names = os.read(self.fd, 65536), []
-        while data:
-            _, _, _, length = self.EVENT.unpack_from(data)
-            names.append(data[self.EVENT.size:self.EVENT.size + length].rstrip(b"\0").decode())
-            data = data[self.EVENT.size + length:]
-        return names, seen
+        target, mask = self.path, self.IN_MODIFY | self.IN_ATTRIB | self.IN_DELETE_SELF
+        if not self.path.exists():
+            target, mask = self.path.parent, self.IN_MOVED_TO
+        if self.fd < 0 or libc.inotify_add_watch(self.fd, str(target).encode(), mask) < 0:
+            raise OSError(ctypes.get_errno(), f"inotify on {target}")
 
     def wait_for(self, text, timeout=10):
-        """time.monotonic() when the file was seen renamed into place with
-        text in it (the reading and checking come after that moment)."""
+        """time.monotonic() when the change that put text into the file was
+        seen (reading and checking the file come after that moment)."""
         deadline = time.monotonic() + timeout
         while True:
-            names, seen = self.renamed(max(0, deadline - time.monotonic()))
-            if self.path.name in names and text in self.path.read_text():
-                return seen
+            if not select.select([self.fd], [], [], max(0, deadline - time.monotonic()))[0]:
+                raise TimeoutError(f"{text!r} not in {self.path}")
+            seen = time.monotonic()
+            os.read(self.fd, 65536)
+            try:
+                if text in self.path.read_text():
+                    return seen
+            except FileNotFoundError:
+                pass
 
     def close(self):
         os.close(self.fd)
@@ -401,7 +397,7 @@ def memory(args):
         assert sb.lines_in("/etc/clientip_assoc") == 256
         print(f"memory       Private_Dirty idle {idle[0]} KiB / 256 clients {full[0]} KiB"
               f" = {idle[0] / 256:4.2f}x / {full[0] / 256:4.2f}x of 256 KiB   (target <= 1x;"
-              f" private in all {idle[1]} / {full[1]} KiB; the sandbox's shim and stdbuf"
+              f" private in all {idle[1]} / {full[1]} KiB; the sandbox's shim, stdbuf and clock count"
               f" {idle[3]} / {full[3]} KiB more)")
     finally:
         sb.close()
