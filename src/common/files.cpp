@@ -17,20 +17,26 @@
 namespace common {
 
 namespace {
-std::atomic<std::uint64_t> g_look{0};       // 0: no look in progress
-std::atomic<std::uint64_t> g_last_look{0};  // the last look number handed out
+// 32 bits: lock-free on every target (64-bit atomics need libatomic on MIPS).
+std::atomic<std::uint32_t> g_look{0};       // 0: no look in progress
+std::atomic<std::uint32_t> g_last_look{0};  // the last look number handed out
+
+std::uint32_t next_look() {
+  std::uint32_t look = ++g_last_look;
+  return look != 0 ? look : ++g_last_look;  // 0 means none, also after a wrap
+}
 }  // namespace
 
-std::uint64_t current_look() { return g_look.load(std::memory_order_acquire); }
+std::uint32_t current_look() { return g_look.load(std::memory_order_acquire); }
 
-void begin_look() { g_look.store(++g_last_look, std::memory_order_release); }
+void begin_look() { g_look.store(next_look(), std::memory_order_release); }
 
 void end_look() { g_look.store(0, std::memory_order_release); }
 
 void renew_look() {
-  std::uint64_t look = g_look.load(std::memory_order_acquire);
+  std::uint32_t look = g_look.load(std::memory_order_acquire);
   // A look ended meanwhile by the main loop stays ended.
-  if (look != 0) g_look.compare_exchange_strong(look, ++g_last_look, std::memory_order_acq_rel);
+  if (look != 0) g_look.compare_exchange_strong(look, next_look(), std::memory_order_acq_rel);
 }
 
 FileStamp file_stamp(const char* path) {

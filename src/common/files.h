@@ -35,7 +35,7 @@ FileStamp file_stamp(const char* path);
 // starts when the main loop wakes and again after every command the daemon
 // runs; it ends when the loop goes back to sleep. Outside a look (start-up,
 // tests, tools) current_look() is 0 and every lookup looks at the file.
-std::uint64_t current_look();
+std::uint32_t current_look();
 void begin_look();
 void end_look();
 // After a command: a look in progress starts afresh (the command may have

@@ -18,12 +18,12 @@ namespace {
 // it only when that changed, so an edit counts from the next look on.
 std::mutex g_table_mutex;
 bool g_table_loaded = false;     // guarded by g_table_mutex
-std::uint64_t g_table_look = 0;  // guarded by g_table_mutex; the look it was checked in
+std::uint32_t g_table_look = 0;  // guarded by g_table_mutex; the look it was checked in
 FileStamp g_table_stamp;         // guarded by g_table_mutex
 InterfaceTable g_table;          // guarded by g_table_mutex
 
 const InterfaceTable& fresh_table() {
-  const std::uint64_t look = current_look();
+  const std::uint32_t look = current_look();
   if (g_table_loaded && look != 0 && look == g_table_look) return g_table;
   g_table_look = look;
   const FileStamp stamp = file_stamp(kDevLanIfPath);

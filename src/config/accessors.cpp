@@ -46,7 +46,7 @@ std::string g_radio_prefix;  // guarded by g_radio_prefix_mutex
 // when that changed, so an answer reflects the file as it was at the look.
 std::mutex g_status_mutex;
 bool g_status_loaded = false;      // guarded by g_status_mutex
-std::uint64_t g_status_look = 0;   // guarded by g_status_mutex; the look it was checked in
+std::uint32_t g_status_look = 0;   // guarded by g_status_mutex; the look it was checked in
 common::FileStamp g_status_stamp;  // guarded by g_status_mutex
 TaglistPtr g_status;               // guarded by g_status_mutex; null when unreadable
 
@@ -74,7 +74,7 @@ int portal_route(common::Template verb, std::string_view destination, int bridge
 
 std::optional<std::string> get_wireless_status(std::string_view key) {
   std::lock_guard<std::mutex> lock(g_status_mutex);
-  const std::uint64_t look = common::current_look();
+  const std::uint32_t look = common::current_look();
   if (!g_status_loaded || look == 0 || look != g_status_look) {
     g_status_look = look;
     const common::FileStamp stamp = common::file_stamp(kWirelessStatusPath);
