@@ -5,20 +5,24 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <vector>
 
 namespace common {
 
 namespace {
 std::string vformat(const char* fmt, va_list args) {
+  // Most texts fit a small buffer and are formatted once; a longer one is
+  // formatted again straight into the string.
+  char small[256];
   va_list copy;
   va_copy(copy, args);
-  int needed = std::vsnprintf(nullptr, 0, fmt, copy);
+  const int needed = std::vsnprintf(small, sizeof small, fmt, copy);
   va_end(copy);
   if (needed <= 0) return std::string();
-  std::vector<char> buf(static_cast<std::size_t>(needed) + 1);
-  std::vsnprintf(buf.data(), buf.size(), fmt, args);
-  return std::string(buf.data(), static_cast<std::size_t>(needed));
+  const auto length = static_cast<std::size_t>(needed);
+  if (length < sizeof small) return std::string(small, length);
+  std::string out(length, '\0');
+  std::vsnprintf(out.data(), length + 1, fmt, args);  // the terminator goes on out[length]
+  return out;
 }
 }  // namespace
 
