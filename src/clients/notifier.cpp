@@ -137,14 +137,30 @@ std::string strip_colons(std::string_view text, std::size_t n) {
   return out;
 }
 
+namespace {
+// What "%02X" prints: at least two upper-case hex digits.
+void append_hex(std::string& out, unsigned code) {
+  char digits[2 * sizeof code];
+  std::size_t n = 0;
+  do {
+    digits[n++] = "0123456789ABCDEF"[code & 15u];
+    code >>= 4;
+  } while (code != 0);
+  if (n < 2) digits[n++] = '0';
+  while (n > 0) out.push_back(digits[--n]);
+}
+}  // namespace
+
 std::string hex_escape(std::string_view text, std::size_t n, std::string& trace) {
   std::string out;
   if (n < 3) return out;
   for (char c : text) {
     // The byte is taken as signed: above 127 it prints sign-extended.
     const unsigned code = static_cast<unsigned>(static_cast<int>(static_cast<signed char>(c)));
-    trace += common::format("%c %02X", c, code);
-    out += common::format("%02X", code);
+    trace.push_back(c);  // "%c %02X"
+    trace.push_back(' ');
+    append_hex(trace, code);
+    append_hex(out, code);
     if (out.size() >= n - 3) break;
   }
   return common::cut(out, n - 1);
