@@ -106,16 +106,38 @@ bool load_settings(const char* dir) {
   return true;
 }
 
-// Copies the settings into buf as a C string; false when there are none.
-bool read_settings(char* buf, size_t size) {
+// The number on the line "key N" of text, or on "key ifname N" when ifname
+// is given; 0 when there is none. text is taken apart.
+long parse_setting(char* text, const char* key, const char* ifname) {
+  char* save = nullptr;
+  for (char* line = strtok_r(text, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
+    char name[32];
+    char word[IFNAMSIZ + 1];
+    long value = 0;
+    bool match = ifname == nullptr
+                     ? sscanf(line, "%31s %ld", name, &value) == 2 && strcmp(name, key) == 0
+                     : sscanf(line, "%31s %16s %ld", name, word, &value) == 3 &&
+                           strcmp(name, key) == 0 && strcmp(word, ifname) == 0;
+    if (match) return value;
+  }
+  return 0;
+}
+
+long g_time_offset = 0;    // guarded by g_settings_mutex; parsed when read
+long g_uptime_offset = 0;  // guarded by g_settings_mutex; parsed when read
+
+// Reads the settings again when they changed (the caller holds the mutex);
+// false when there are none.
+bool refresh_settings() {
   const char* dir = getenv("CLIENTMGR_SANDBOX");
   if (dir == nullptr) return false;
-  pthread_mutex_lock(&g_settings_mutex);
+  bool changed = false;
   if (const uint32_t* count = generation(dir)) {
     const uint32_t now = __atomic_load_n(count, __ATOMIC_ACQUIRE);
     if (!g_settings_read || now != g_settings_generation) {
       g_settings_generation = now;
       g_settings_read = load_settings(dir);
+      changed = true;
     }
   } else {
     char path[4096];
@@ -126,37 +148,49 @@ bool read_settings(char* buf, size_t size) {
     } else if (!g_settings_read || !same_file(now, g_settings_stat)) {
       g_settings_read = load_settings(dir);
       g_settings_stat = now;
+      changed = true;
     }
   }
-  const bool ok = g_settings_read;
-  if (ok) snprintf(buf, size, "%s", g_settings);
-  pthread_mutex_unlock(&g_settings_mutex);
-  return ok;
+  if (changed && g_settings_read) {
+    char copy[sizeof g_settings];
+    memcpy(copy, g_settings, sizeof copy);
+    g_time_offset = parse_setting(copy, "time_offset", nullptr);
+    memcpy(copy, g_settings, sizeof copy);
+    g_uptime_offset = parse_setting(copy, "uptime_offset", nullptr);
+  }
+  return g_settings_read;
 }
 
-// The number on the line "key N", or on "key ifname N" when ifname is given.
-long setting(const char* key, const char* ifname = nullptr) {
+// The clock offsets, parsed once per change of the settings.
+long time_offset() {
   int saved_errno = errno;
-  char buf[4096];
-  long result = 0;
-  if (read_settings(buf, sizeof buf)) {
-    char* save = nullptr;
-    for (char* line = strtok_r(buf, "\n", &save); line; line = strtok_r(nullptr, "\n", &save)) {
-      char name[32];
-      char word[IFNAMSIZ + 1];
-      long value = 0;
-      bool match = ifname == nullptr
-                       ? sscanf(line, "%31s %ld", name, &value) == 2 && strcmp(name, key) == 0
-                       : sscanf(line, "%31s %16s %ld", name, word, &value) == 3 &&
-                             strcmp(name, key) == 0 && strcmp(word, ifname) == 0;
-      if (match) {
-        result = value;
-        break;
-      }
-    }
-  }
+  pthread_mutex_lock(&g_settings_mutex);
+  const long offset = refresh_settings() ? g_time_offset : 0;
+  pthread_mutex_unlock(&g_settings_mutex);
   errno = saved_errno;
-  return result;
+  return offset;
+}
+
+long uptime_offset() {
+  int saved_errno = errno;
+  pthread_mutex_lock(&g_settings_mutex);
+  const long offset = refresh_settings() ? g_uptime_offset : 0;
+  pthread_mutex_unlock(&g_settings_mutex);
+  errno = saved_errno;
+  return offset;
+}
+
+// The station count set for ifname (the line "stations ifname N").
+long stations(const char* ifname) {
+  int saved_errno = errno;
+  char copy[sizeof g_settings];
+  pthread_mutex_lock(&g_settings_mutex);
+  const bool ok = refresh_settings();
+  if (ok) memcpy(copy, g_settings, sizeof copy);
+  pthread_mutex_unlock(&g_settings_mutex);
+  const long count = ok ? parse_setting(copy, "stations", ifname) : 0;
+  errno = saved_errno;
+  return count;
 }
 
 // Under qemu-user (CLIENTMGR_SHIM_GUEST set) this is the target's shim in
@@ -177,7 +211,7 @@ time_t time(time_t* out) noexcept {
   using Fn = time_t (*)(time_t*);
   static Fn slot = nullptr;  // constant-initialised: no guard
   auto real = next_symbol(slot, "time");
-  time_t now = real(nullptr) + setting("time_offset");
+  time_t now = real(nullptr) + time_offset();
   if (out != nullptr) *out = now;
   return now;
 }
@@ -187,7 +221,7 @@ int gettimeofday(struct timeval* tv, void* tz) noexcept {
   static Fn slot = nullptr;  // constant-initialised: no guard
   auto real = next_symbol(slot, "gettimeofday");
   int rc = real(tv, tz);
-  if (rc == 0) tv->tv_sec += setting("time_offset");
+  if (rc == 0) tv->tv_sec += time_offset();
   return rc;
 }
 
@@ -197,7 +231,7 @@ int clock_gettime(clockid_t clock, struct timespec* ts) noexcept {
   auto real = next_symbol(slot, "clock_gettime");
   int rc = real(clock, ts);
   if (rc == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
-    ts->tv_sec += setting("time_offset");
+    ts->tv_sec += time_offset();
   return rc;
 }
 
@@ -206,7 +240,7 @@ int sysinfo(struct sysinfo* info) noexcept {
   static Fn slot = nullptr;  // constant-initialised: no guard
   auto real = next_symbol(slot, "sysinfo");
   int rc = real(info);
-  if (rc == 0) info->uptime += setting("uptime_offset");
+  if (rc == 0) info->uptime += uptime_offset();
   return rc;
 }
 
@@ -219,7 +253,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     auto* req = static_cast<struct iwreq*>(arg);
     char name[IFNAMSIZ + 1] = {};
     memcpy(name, req->ifr_name, IFNAMSIZ);
-    long count = setting("stations", name);
+    long count = stations(name);
     if (count < 0) {
       errno = EOPNOTSUPP;
       return -1;
