@@ -39,6 +39,17 @@ void renew_look() {
   if (look != 0) g_look.compare_exchange_strong(look, next_look(), std::memory_order_acq_rel);
 }
 
+bool must_read(LookedAtFile& file, const char* path) {
+  const std::uint32_t look = current_look();
+  if (file.read && look != 0 && look == file.look) return false;
+  file.look = look;
+  const FileStamp stamp = file_stamp(path);
+  if (file.read && stamp == file.stamp) return false;
+  file.stamp = stamp;
+  file.read = true;
+  return true;
+}
+
 FileStamp file_stamp(const char* path) {
   struct stat st {};
   if (::stat(path, &st) != 0) return FileStamp{};

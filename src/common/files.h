@@ -42,6 +42,16 @@ void end_look();
 // rewritten a file); no look stays no look.
 void renew_look();
 
+// A small input file kept in memory by its reader: whether it must be read
+// (again), looking at it at most once per look. True the first time and
+// whenever the stamp moved since the last read.
+struct LookedAtFile {
+  bool read = false;
+  std::uint32_t look = 0;  // the look it was last looked at in
+  FileStamp stamp;         // as it was at the last read
+};
+bool must_read(LookedAtFile& file, const char* path);
+
 // Writes all of data to the descriptor; false when a write fails.
 bool write_all(int fd, std::string_view data);
 // The pieces in order, through writev; false when a write fails.

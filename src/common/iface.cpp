@@ -13,25 +13,15 @@ namespace common {
 
 namespace {
 
-// The table as last read from the file, and what stat() said about the file
-// then: a lookup looks at the file again (one stat, once per look) and reads
-// it only when that changed, so an edit counts from the next look on.
+// The table as last read from the file: a lookup looks at the file again
+// (one stat, once per look) and reads it only when that changed, so an edit
+// counts from the next look on.
 std::mutex g_table_mutex;
-bool g_table_loaded = false;     // guarded by g_table_mutex
-std::uint32_t g_table_look = 0;  // guarded by g_table_mutex; the look it was checked in
-FileStamp g_table_stamp;         // guarded by g_table_mutex
-InterfaceTable g_table;          // guarded by g_table_mutex
+LookedAtFile g_table_file;  // guarded by g_table_mutex
+InterfaceTable g_table;     // guarded by g_table_mutex
 
 const InterfaceTable& fresh_table() {
-  const std::uint32_t look = current_look();
-  if (g_table_loaded && look != 0 && look == g_table_look) return g_table;
-  g_table_look = look;
-  const FileStamp stamp = file_stamp(kDevLanIfPath);
-  if (!g_table_loaded || !(stamp == g_table_stamp)) {
-    read_interface_from_file(g_table);
-    g_table_stamp = stamp;
-    g_table_loaded = true;
-  }
+  if (must_read(g_table_file, kDevLanIfPath)) read_interface_from_file(g_table);
   return g_table;
 }
 

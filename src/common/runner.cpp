@@ -49,7 +49,19 @@ __attribute__((no_sanitize("address", "thread", "undefined"))) int exec_shell(vo
   ::_exit(127);
 }
 
-int wait_for(pid_t pid);
+int wait_for(pid_t pid) {
+  int status = 0;
+  int result = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) {
+      result = -1;
+      break;
+    }
+  }
+  // The command may have rewritten a file the daemon reads.
+  renew_look();
+  return result == 0 ? status : -1;
+}
 
 // Starts /bin/sh -c command; when out_fd is given the child's stdout is the
 // write end of a pipe whose read end is stored there.
@@ -82,20 +94,6 @@ pid_t spawn_shell(const std::string& command, int* out_fd) {
   }
   if (out_fd) *out_fd = pipe_fds[0];
   return pid;
-}
-
-int wait_for(pid_t pid) {
-  int status = 0;
-  int result = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) {
-      result = -1;
-      break;
-    }
-  }
-  // The command may have rewritten a file the daemon reads.
-  renew_look();
-  return result == 0 ? status : -1;
 }
 
 }  // namespace

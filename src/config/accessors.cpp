@@ -41,14 +41,12 @@ std::atomic<int> g_radio_count{-1};
 std::mutex g_radio_prefix_mutex;
 std::string g_radio_prefix;  // guarded by g_radio_prefix_mutex
 
-// The status file as last loaded, and what stat() said about it then: a
-// lookup looks at the file (one stat, once per look) and loads it again only
-// when that changed, so an answer reflects the file as it was at the look.
+// The status file as last loaded: a lookup looks at the file (one stat, once
+// per look) and loads it again only when that changed, so an answer reflects
+// the file as it was at the look.
 std::mutex g_status_mutex;
-bool g_status_loaded = false;      // guarded by g_status_mutex
-std::uint32_t g_status_look = 0;   // guarded by g_status_mutex; the look it was checked in
-common::FileStamp g_status_stamp;  // guarded by g_status_mutex
-TaglistPtr g_status;               // guarded by g_status_mutex; null when unreadable
+common::LookedAtFile g_status_file;  // guarded by g_status_mutex
+TaglistPtr g_status;                  // guarded by g_status_mutex; null when unreadable
 
 std::optional<std::string> masterconf_value(const taglist* list, std::size_t length,
                                             const char* key_pattern, va_list args) {
@@ -74,16 +72,8 @@ int portal_route(common::Template verb, std::string_view destination, int bridge
 
 std::optional<std::string> get_wireless_status(std::string_view key) {
   std::lock_guard<std::mutex> lock(g_status_mutex);
-  const std::uint32_t look = common::current_look();
-  if (!g_status_loaded || look == 0 || look != g_status_look) {
-    g_status_look = look;
-    const common::FileStamp stamp = common::file_stamp(kWirelessStatusPath);
-    if (!g_status_loaded || !(stamp == g_status_stamp)) {
-      g_status = load_taglist_ex(kWirelessStatusPath, 1, nullptr);
-      g_status_stamp = stamp;
-      g_status_loaded = true;
-    }
-  }
+  if (common::must_read(g_status_file, kWirelessStatusPath))
+    g_status = load_taglist_ex(kWirelessStatusPath, 1, nullptr);
   if (!exist_taglist_key(g_status.get(), key)) return std::nullopt;
   return std::string(get_taglist_default(g_status.get(), key, ""));
 }

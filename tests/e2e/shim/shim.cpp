@@ -161,23 +161,14 @@ bool refresh_settings() {
   return g_settings_read;
 }
 
-// The clock offsets, parsed once per change of the settings.
-long time_offset() {
+// One of the clock offsets above, parsed once per change of the settings.
+long clock_offset(const long& offset) {
   int saved_errno = errno;
   pthread_mutex_lock(&g_settings_mutex);
-  const long offset = refresh_settings() ? g_time_offset : 0;
+  const long value = refresh_settings() ? offset : 0;
   pthread_mutex_unlock(&g_settings_mutex);
   errno = saved_errno;
-  return offset;
-}
-
-long uptime_offset() {
-  int saved_errno = errno;
-  pthread_mutex_lock(&g_settings_mutex);
-  const long offset = refresh_settings() ? g_uptime_offset : 0;
-  pthread_mutex_unlock(&g_settings_mutex);
-  errno = saved_errno;
-  return offset;
+  return value;
 }
 
 // The station count set for ifname (the line "stations ifname N").
@@ -211,7 +202,7 @@ time_t time(time_t* out) noexcept {
   using Fn = time_t (*)(time_t*);
   static Fn slot = nullptr;  // constant-initialised: no guard
   auto real = next_symbol(slot, "time");
-  time_t now = real(nullptr) + time_offset();
+  time_t now = real(nullptr) + clock_offset(g_time_offset);
   if (out != nullptr) *out = now;
   return now;
 }
@@ -221,7 +212,7 @@ int gettimeofday(struct timeval* tv, void* tz) noexcept {
   static Fn slot = nullptr;  // constant-initialised: no guard
   auto real = next_symbol(slot, "gettimeofday");
   int rc = real(tv, tz);
-  if (rc == 0) tv->tv_sec += time_offset();
+  if (rc == 0) tv->tv_sec += clock_offset(g_time_offset);
   return rc;
 }
 
@@ -231,7 +222,7 @@ int clock_gettime(clockid_t clock, struct timespec* ts) noexcept {
   auto real = next_symbol(slot, "clock_gettime");
   int rc = real(clock, ts);
   if (rc == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
-    ts->tv_sec += time_offset();
+    ts->tv_sec += clock_offset(g_time_offset);
   return rc;
 }
 
@@ -240,7 +231,7 @@ int sysinfo(struct sysinfo* info) noexcept {
   static Fn slot = nullptr;  // constant-initialised: no guard
   auto real = next_symbol(slot, "sysinfo");
   int rc = real(info);
-  if (rc == 0) info->uptime += uptime_offset();
+  if (rc == 0) info->uptime += clock_offset(g_uptime_offset);
   return rc;
 }
 
