@@ -199,15 +199,13 @@ def test_bad_arguments_write_nothing_and_a_pipe_without_reader_fails_fast(sandbo
                 pass
         return {path: text for path, text in out.items() if text}
 
+    # Each argument's checks are the unit tests' table; here: one refusal per
+    # kind of check and per pipe, and that none of them writes a byte.
     bad = [  # (arguments, the argument the message names)
-        (["rate", "ath0", STATION, "1"], "usage"), (["rate", "eth0", STATION, "1", "2"], "VAP"),
-        (["rate", "ath0", "00:11:22:33:44", "1", "2"], "MAC"), (["rate", "ath0", STATION, "-2", "2"], "UP"),
-        (["rate", "ath0", STATION, "1", "2 3"], "DOWN"), (["rate", "ath0", STATION, "1", "99999999"], "DOWN"),
-        (["vlan", "ath0", STATION, "4095"], "VLAN"), (["vlan", "ath0", f"{STATION}\n", "5"], "MAC"),
-        (["remove-vap", ""], "N"), (["remove-vap", "1\n[REFRESH_CLIENT_FILE]"], "N"),
-        (["l2tp", "bcp 52", "up"], "IFNAME"), (["l2tp", "--x", "up"], "IFNAME"), (["l2tp", "bcp52", "sideways"], "state"),
-        (["arp", STATION, "10.0.0.300", "ath0"], "IP"), (["client", STATION, "10.0.0.5", "ath0 x"], "VAP"),
-        (["refresh", "now"], "usage"), (["reboot"], "unknown command"), (["list", "--vap", "br0"], "VAP"),
+        (["rate", "ath0", STATION, "1"], "usage"), (["vlan", "ath0", f"{STATION}\n", "5"], "MAC"),
+        (["remove-vap", "1\n[REFRESH_CLIENT_FILE]"], "N"), (["l2tp", "--x", "up"], "IFNAME"),
+        (["client", STATION, "10.0.0.5", "ath0 x"], "VAP"), (["reboot"], "unknown command"),
+        (["list", "--vap", "br0"], "VAP"),
     ]
     for args, named in bad:
         result = ctl(sandbox, *args)
