@@ -130,12 +130,24 @@ int replace_file_atomically(const std::string& destination,
     dir = slash == 0 ? "/" : destination.substr(0, slash);
     base = destination.substr(slash + 1);
   }
-  std::string tmpl = (dir == "/" ? std::string() : dir) + "/." + base + ".XXXXXX";
+  // The temporary name is this process's own and the same every time
+  // (".<name>.<pid>"): the directory cache knows it from the last rewrite,
+  // while a random name costs a fresh lookup on every write (on an overlay,
+  // one in each layer). Should that name be taken (left by a process that
+  // died, or put there by someone else), a random one is used as before.
+  const std::string prefix = (dir == "/" ? std::string() : dir) + "/." + base + ".";
+  std::string tmpl = prefix + std::to_string(::getpid());
   std::vector<char> name(tmpl.begin(), tmpl.end());
   name.push_back('\0');
-  int fd = ::mkstemp(name.data());
+  // Mode 0600 (as mkstemp makes it), the mode the replaced file keeps.
+  int fd = ::open(name.data(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0 && errno == EEXIST) {
+    tmpl = prefix + "XXXXXX";
+    name.assign(tmpl.begin(), tmpl.end());
+    name.push_back('\0');
+    fd = ::mkostemp(name.data(), O_CLOEXEC);
+  }
   if (fd < 0) return -1;
-  // mkstemp leaves the file 0600, the mode the replaced file keeps.
   bool ok = write_all(fd, pieces);
   if (::close(fd) != 0) ok = false;
   if (ok && ::rename(name.data(), destination.c_str()) == 0) return 0;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -83,6 +84,21 @@ TEST(Files, WriteFirstLineAndAtomicReplace) {
   EXPECT_EQ(common::common_readfile_firstline(path + ".missing"), "");
   EXPECT_EQ(common::common_write_file("/nonexistent-dir/x", "a"), -1);
   EXPECT_EQ(common::replace_file_atomically("/nonexistent-dir/x", "a"), -1);
+}
+
+TEST(Files, ReplaceNeverWritesThroughWhatHoldsItsTemporaryName) {
+  const std::string dir = test_support::own_temp_dir();
+  const std::string path = dir + "/common_taken.txt", victim = dir + "/common_victim.txt";
+  const std::string own = dir + "/.common_taken.txt." + std::to_string(::getpid());
+  ASSERT_EQ(common::common_write_file(victim, "victim\n"), 0);
+  ASSERT_EQ(::symlink(victim.c_str(), own.c_str()), 0);
+  ASSERT_EQ(common::replace_file_atomically(path, "new\n"), 0);
+  EXPECT_EQ(common::common_readfile_firstline(path), "new\n");
+  EXPECT_EQ(common::common_readfile_firstline(victim), "victim\n");
+  struct stat st {};
+  EXPECT_EQ(::lstat(own.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  ::unlink(own.c_str());
 }
 
 TEST(Files, PiecesAreWrittenInOrderAcrossWritevBatches) {
