@@ -31,15 +31,6 @@ def test_a_line_written_in_two_writes_arrives_whole(sandbox, pipe, line):
     assert [r[0] for r in new_records(sandbox)] == [STATION]
 
 
-def test_256_client_lines_in_4_kib_writes_all_arrive(sandbox):
-    sandbox.start()
-    data = "".join(f"02:00:00:00:01:{i:02x} 10.1.{i}.1 ath0\n" for i in range(256)).encode()
-    for at in range(0, len(data), 4096):
-        sandbox.write_fifo(CLIENT_PIPE, data[at:at + 4096])
-    sandbox.wait_idle(timeout=60)
-    assert macs(sandbox) == [f"02:00:00:00:01:{i:02x}" for i in range(256)]
-
-
 def fill(sandbox, path):
     """Writes to path until the file system is full."""
     with open(sandbox.host_path(path), "wb", buffering=0) as f:
