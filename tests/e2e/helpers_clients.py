@@ -65,3 +65,25 @@ def client_list(sandbox, path="/etc/clientip"):
 
 def macs(sandbox, path="/etc/clientip"):
     return [row[1] for row in client_list(sandbox, path)]
+
+
+def macauth_wlan1(sandbox, servers, secret, extra=None):
+    """two_vaps with external MAC authentication on WLAN 1 (ath0) against its
+    own servers [(host, port)], which share the secret; bridge mode with
+    optional dynamic VLANs; extra adds or replaces keys. The applied marker
+    makes start-up apply the VLAN and MAC-auth settings; the WAN address is
+    the NAS-IP-Address (radclient refuses a request with one that is none)."""
+    config = {"AP_MODE": "bridge", "WLAN1_ACL_MODE": "3", "WLAN1_DYNAMIC_VLAN": "optional", "WLAN1_RADIUS": "enable"}
+    for n, (host, port) in enumerate(servers, 1):
+        config.update({f"WLAN1_RADIUS{n}_HOST": host, f"WLAN1_RADIUS{n}_SECRET": secret,
+                       f"WLAN1_RADIUS{n}_AUTHPORT": str(port)})
+    two_vaps(sandbox, {**config, **(extra or {})})
+    sandbox.write("/etc/masterconfig.applied", "")
+    sandbox.write_config("/etc/net/wan.status", {"ipaddr": "192.168.1.2"})
+
+
+def auth_request(sandbox, mac):
+    """The driver's MAC-auth request on ath0; once the worker has ended, every iwpriv call so far."""
+    sandbox.write_fifo("/etc/event_pipe", f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {mac}\n")
+    sandbox.wait_idle(timeout=60)
+    return sandbox.commands("iwpriv")

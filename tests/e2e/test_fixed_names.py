@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from helpers_clients import STATION, iwevent, lines_of, send, two_vaps
+from helpers_clients import STATION, auth_request, iwevent, lines_of, macauth_wlan1, send
 
 NOBODY = 65534
 VICTIM = "/tmp/victim"          # a planted link points here (a file) ...
@@ -39,11 +39,7 @@ def plant(sandbox, path, kind):
 def bridge_with_macauth(sandbox):
     """Bridge mode with a VLAN on WLAN 1 (ath0), MAC authentication against
     the radclient stub, which accepts."""
-    two_vaps(sandbox, {"AP_MODE": "bridge", "WLAN1_VLANID": "10", "WLAN1_ACL_MODE": "3", "WLAN1_RADIUS": "enable",
-                       "WLAN1_DYNAMIC_VLAN": "optional", "WLAN1_RADIUS1_HOST": "127.0.0.1",
-                       "WLAN1_RADIUS1_SECRET": "s3cret", "WLAN1_RADIUS1_AUTHPORT": "1812"})
-    sandbox.write("/etc/masterconfig.applied", "")  # start-up applies VLAN and MAC-auth settings
-    sandbox.write_config("/etc/net/wan.status", {"ipaddr": "192.168.1.2"})
+    macauth_wlan1(sandbox, [("127.0.0.1", 1812)], "s3cret", {"WLAN1_VLANID": "10"})
     sandbox.stub_output("radclient", ACCEPT)
     sandbox.write(VICTIM, "999\n")
     sandbox.host_path(VICTIM_DIR).mkdir()
@@ -69,9 +65,7 @@ def vlan_rules_still_work(sandbox):
 
 
 def macauth_still_answers(sandbox):
-    sandbox.write_fifo("/etc/event_pipe", f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {STATION}\n")
-    sandbox.wait_idle(timeout=10)
-    assert sandbox.commands("iwpriv") == [f"iwpriv ath0 oem_priv wr:authresp={STATION},0"]
+    assert auth_request(sandbox, STATION) == [f"iwpriv ath0 oem_priv wr:authresp={STATION},0"]
     [asked] = sandbox.commands("radclient")
     assert asked.endswith(f" -f {REQUEST}")
     assert not sandbox.exists(REQUEST)  # the request file is gone again

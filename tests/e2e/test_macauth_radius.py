@@ -1,10 +1,12 @@
-"""MAC authentication against a real FreeRADIUS server and the real radclient:
-the driver's request line reaches the daemon, a worker asks the servers and
-the answer goes back through iwpriv (a recorder)."""
+"""MAC authentication: the driver's request line reaches the daemon, a worker
+asks the servers and the answer goes back through iwpriv (a recorder); the
+VLAN of an accept reaches the station's rules. Against a real FreeRADIUS
+server and the real radclient, and once against canned radclient answers
+(no server needed, so it runs on target builds too)."""
 import pytest
 
 import radius_server
-from helpers_clients import STATION, two_vaps
+from helpers_clients import STATION, auth_request, macauth_wlan1
 from radius_server import REJECT_OTHERS, RadiusServer, user_entry
 
 ACCEPTED = STATION
@@ -31,49 +33,56 @@ SILENT = ("127.0.0.1", 1999)  # nothing listens: radclient waits for its time-ou
 
 
 def configure(sandbox, servers, extra=None):
-    """WLAN 1 on ath0 with external MAC authentication against the given
-    per-WLAN servers (host, port); bridge mode with optional dynamic VLANs;
-    extra adds or replaces keys."""
-    config = {"AP_MODE": "bridge", "WLAN1_ACL_MODE": "3", "WLAN1_DYNAMIC_VLAN": "optional", "WLAN1_RADIUS": "enable",
-              **(extra or {})}
-    for n, (host, port) in enumerate(servers, 1):
-        config.update({f"WLAN1_RADIUS{n}_HOST": host, f"WLAN1_RADIUS{n}_SECRET": radius_server.SECRET,
-                       f"WLAN1_RADIUS{n}_AUTHPORT": str(port)})
-    two_vaps(sandbox, config)
-    # The applied marker makes start-up apply the VLAN and MAC-auth settings.
-    sandbox.write("/etc/masterconfig.applied", "")
-    # radclient refuses a request whose NAS-IP-Address is not an address.
-    sandbox.write_config("/etc/net/wan.status", {"ipaddr": "192.168.1.2"})
+    """WLAN 1 on ath0 against the given per-WLAN servers, the real radclient."""
+    macauth_wlan1(sandbox, servers, radius_server.SECRET, extra)
     sandbox.use_real("radclient")
-
-
-def ask(sandbox, mac):
-    """The driver's request; once the worker has ended, every iwpriv call so far."""
-    sandbox.write_fifo("/etc/event_pipe", f"wlan ath0 Halcyon.Wlan.Controller.Mgmt.auth {mac}\n")
-    sandbox.wait_idle(timeout=60)
-    return sandbox.commands("iwpriv")
 
 
 def test_accept_with_vlan_and_reject(sandbox, radius):
     configure(sandbox, [LOCAL])
     sandbox.start()
 
-    assert ask(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"] and len(radius.logins()) == 1
+    assert auth_request(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
+    assert len(radius.logins()) == 1
     # The VLAN of the tunnel attributes reached the station's rules.
     assert f"-i ath0 -s {ACCEPTED} -j svlan --setvlan 12 " in sandbox.read(f"/tmp/ebt_ctm/{ACCEPTED}")
 
-    assert ask(sandbox, REJECTED)[1:] == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"]
+    assert auth_request(sandbox, REJECTED)[1:] == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"]
     assert not [p for p in sandbox.host_path("/tmp").iterdir() if p.name.startswith("radc-")]  # request files
 
     # A second request within the cache period is answered without the server.
-    assert ask(sandbox, ACCEPTED)[2:] == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
+    assert auth_request(sandbox, ACCEPTED)[2:] == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
     assert len(radius.logins()) == 2
+
+
+CANNED_ACCEPT = ("Sent Access-Request Id 1 from 0.0.0.0:40000 to 127.0.0.1:1812 length 120\n"
+                 "Received Access-Accept Id 1 from 127.0.0.1:1812 to 0.0.0.0:0 length 38\n"
+                 "\tTunnel-Type:0 = VLAN\n\tTunnel-Medium-Type:0 = IEEE-802\n\tTunnel-Private-Group-Id:0 = \"12\"\n")
+CANNED_REJECT = ("Sent Access-Request Id 2 from 0.0.0.0:40000 to 127.0.0.1:1812 length 120\n"
+                 "Received Access-Reject Id 2 from 127.0.0.1:1812 to 0.0.0.0:0 length 20\n")
+
+
+@pytest.mark.target
+def test_canned_accept_with_vlan_then_reject(sandbox):
+    macauth_wlan1(sandbox, [("127.0.0.1", 1812)], "s3cret")
+    sandbox.start()
+
+    sandbox.stub_output("radclient", CANNED_ACCEPT)
+    assert auth_request(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
+    [run] = sandbox.calls("radclient")
+    assert run.argv[:7] == ["radclient", "-x", "-r", "1", "127.0.0.1:1812", "auth", "s3cret"]
+    assert f"-i ath0 -s {ACCEPTED} -j svlan --setvlan 12 " in sandbox.read(f"/tmp/ebt_ctm/{ACCEPTED}")
+
+    sandbox.stub_output("radclient", CANNED_REJECT)
+    assert auth_request(sandbox, REJECTED)[1:] == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"]
+    assert not [p for p in sandbox.host_path("/tmp").iterdir() if p.name.startswith("radc-")]  # request files
 
 
 def test_dead_primary_falls_through_to_secondary(sandbox, radius):
     configure(sandbox, [SILENT, LOCAL])
     sandbox.start()
-    assert ask(sandbox, REJECTED) == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"] and len(radius.logins()) == 1
+    assert auth_request(sandbox, REJECTED) == [f"iwpriv ath0 oem_priv wr:authresp={REJECTED},13"]
+    assert len(radius.logins()) == 1
 
 
 # The server accepts only when every value arrived whole: the SSID with both
@@ -97,6 +106,7 @@ def test_quotes_in_ssid_and_ap_name_reach_the_server_as_one_value_each(sandbox):
     configure(sandbox, [LOCAL], {"WLAN1_SSID": SSID, "AP_NAME": AP_NAME})
     sandbox.write_config("/etc/net/wan.status", {"ipaddr": ""})  # no address: no NAS-IP-Address line
     sandbox.start()
-    assert ask(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"] and len(server.logins()) == 1
+    assert auth_request(sandbox, ACCEPTED) == [f"iwpriv ath0 oem_priv wr:authresp={ACCEPTED},0"]
+    assert len(server.logins()) == 1
     assert "--setvlan 12 " in sandbox.read(f"/tmp/ebt_ctm/{ACCEPTED}")
     server.stop()
