@@ -26,4 +26,11 @@ TEST(InterfaceTable, LongNamesAreCutAndSixteenLinesAtMost) {
   EXPECT_EQ(common::parse_interface_table("")[0], "");
 }
 
+TEST(InterfaceTable, NumbersOfUnlistedNamesAreRangeChecked) {
+  const common::InterfaceTable table{};
+  const std::pair<const char*, int> names[] = {
+      {"ath255", 255}, {"ath-1", -1}, {"ath256", 0}, {"ath-2147483648", 0}, {"ath99999999999999", 0}};
+  for (const auto& [name, want] : names) EXPECT_EQ(common::interface_index_in(table, name), want) << name;
+}
+
 }  // namespace

@@ -39,11 +39,13 @@ TEST(AccessorsWlan, VlanIdAndPortalPrefix) {
                                                     : config::is_wlan_portal_enabled(list.get(), 1);
     EXPECT_EQ(got, c.want) << c.name << "=" << c.value;
   }
+  EXPECT_EQ(config::get_wlan_id(2147483647), 0);  // an interface number out of range
 }
 
 TEST(AccessorsStatus, AthListScanKeepsTheCountBeyondTheArray) {
   struct Case { const char* text; std::size_t size; int want; std::vector<int> filled; };
-  const Case cases[] = {{"0 4 8", 2, 3, {0, 4}}, {"1 2 3 4 5 6", 8, 4, {1, 2, 3, 4}}, {"   ", 4, -1, {}}};
+  const Case cases[] = {{"0 4 8", 2, 3, {0, 4}}, {"1 2 3 4 5 6", 8, 4, {1, 2, 3, 4}}, {"   ", 4, -1, {}},
+                        {"1 99999999999 3", 4, 1, {1}}};  // a number out of range ends the list
   for (const Case& c : cases) {
     std::array<int, 8> out;
     out.fill(-9);

@@ -30,6 +30,7 @@ TEST(SpineTimeout, Rule) {
 }
 
 TEST(SpineClientLine, FieldsAndLinesWithoutMac) {
+  using namespace std::string_view_literals;
   constexpr std::string_view kMac = "00:11:22:33:44:55";
   struct Case { std::string_view line, mac, ip_field, ifname; int ifindex; };
   const Case cases[] = {
@@ -37,6 +38,7 @@ TEST(SpineClientLine, FieldsAndLinesWithoutMac) {
       {"00:11:22:33:44:55 10.0.0.5 ath1", kMac, "10.0.0.5 ath1", "ath1", 1},
       {"00:11:22:33:44:55 192.168.100.200 ath1", kMac, "192.168.100.200", "ath1", 1},
       {"00:1A:2B:3C:4D:5E 10.1.2.3 guest\r", "00:1a:2b:3c:4d:5e", "10.1.2.3 guest\r", "guest", 5},
+      {"00:11:22:33:44:55\0 10.0.0.9 ath1"sv, kMac, "", "", -7},  // the line ends at its first NUL
   };
   auto ifindex = [](std::string_view name) { return name == "ath1" ? 1 : name == "guest" ? 5 : -7; };
   for (const Case& c : cases) {
@@ -45,7 +47,8 @@ TEST(SpineClientLine, FieldsAndLinesWithoutMac) {
     EXPECT_EQ(std::tie(parsed->mac, parsed->ip_field, parsed->ifname, parsed->ifindex),
               std::tie(c.mac, c.ip_field, c.ifname, c.ifindex)) << c.line;
   }
-  EXPECT_FALSE(daemon_core::parse_client_line("00:11:22:33:4g:55 1.2.3.4 ath1", ifindex).has_value());
+  for (const std::string_view bad : {"00:11:22:33:4g:55 1.2.3.4 ath1"sv, "00:11:22:33\0:44:55 10.0.0.9 ath1"sv})
+    EXPECT_FALSE(daemon_core::parse_client_line(bad, ifindex).has_value()) << bad;
 }
 
 TEST(SpineKnownAp, KeepsTheFirst256AndCutsTokensTo17) {
