@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "bandwidth/shaping.h"
-#include "common/runner.h"
 #include "config/taglist.h"
 #include "model/context.h"
+#include "recorded_commands.h"
 
 namespace {
 
@@ -86,16 +86,13 @@ TEST(BandwidthCommands, TunnelCarriesTheUpstreamSide) {
 }
 
 TEST(BandwidthRun, BothRatesZeroRunsNothing) {
-  std::vector<std::string> commands;
-  common::CommandRecorder recorder{[&](const std::string& c) { commands.push_back(c); }, {}};
-  common::set_command_recorder(&recorder);
+  test_support::RecordedCommands recorded;
   auto conf = config::load_taglist_buffer("AP_MODE=\"bridge\"\n", 1);
   auto block = block_for(1, 1, 0, 0, 0);
   bandwidth::apply_bandwidth(conf.get(), kStation, 0, block);
   bandwidth::remove_bandwidth(conf.get(), kStation, 0, block);
   bandwidth::l2tp_update_client(conf.get(), 0, kStation, 0, block, 4);
-  common::set_command_recorder(nullptr);
-  EXPECT_TRUE(commands.empty());
+  EXPECT_TRUE(recorded.commands.empty());
 }
 
 }  // namespace

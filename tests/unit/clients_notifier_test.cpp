@@ -8,8 +8,8 @@
 
 #include "clients/notifier.h"
 #include "common/clock.h"
-#include "common/runner.h"
 #include "model/context.h"
+#include "recorded_commands.h"
 
 namespace {
 
@@ -52,9 +52,7 @@ class NotifierQueue : public ::testing::Test {
     sources_.station_count = [](int) { return 0; };
     sources_.vap_limit = [](const clients::ClientRecord&) { return std::optional<int>(); };
     sources_.radio_limit = [](const clients::ClientRecord&) {};
-    common::set_command_recorder(&recorder_);
   }
-  void TearDown() override { common::set_command_recorder(nullptr); }
 
   // A station on the slot whose state was stamped age seconds ago.
   clients::ClientRecord& station(int slot, int ifindex, std::uint8_t state = 0, std::int64_t age = 0) {
@@ -72,8 +70,8 @@ class NotifierQueue : public ::testing::Test {
   std::map<int, std::string> ssids_{{0, "office"}, {1, "guest"}};
   std::map<int, std::string> bssids_{{0, "0A:00:00:00:00:01"}, {1, "0A:00:00:00:00:02"}};
   clients::NotifierSources sources_;
-  std::vector<std::string> commands_;
-  common::CommandRecorder recorder_{[this](const std::string& c) { commands_.push_back(c); }, {}};
+  test_support::RecordedCommands recorded_;
+  std::vector<std::string>& commands_ = recorded_.commands;
 };
 
 TEST_F(NotifierQueue, HeldRepeatedAndDroppedCodes) {

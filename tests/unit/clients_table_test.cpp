@@ -8,9 +8,9 @@
 
 #include "clients/table.h"
 #include "common/clock.h"
-#include "common/runner.h"
 #include "common/text.h"
 #include "model/context.h"
+#include "recorded_commands.h"
 
 namespace {
 
@@ -21,11 +21,7 @@ std::string station(int n) { return common::format("02:00:00:00:%02x:%02x", n >>
 // A context whose records point back to it; commands are recorded, never run.
 class ClientTableTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    clients::init_records(*ctx);
-    common::set_command_recorder(&recorder);
-  }
-  void TearDown() override { common::set_command_recorder(nullptr); }
+  void SetUp() override { clients::init_records(*ctx); }
 
   clients::ClientRecord& use(int slot, const std::string& mac, int ifindex,
                              std::int64_t last_update = 1000) {
@@ -39,8 +35,8 @@ class ClientTableTest : public ::testing::Test {
   }
 
   std::unique_ptr<daemon_core::DaemonContext> ctx = std::make_unique<daemon_core::DaemonContext>();
-  std::vector<std::string> commands;
-  common::CommandRecorder recorder{[this](const std::string& c) { commands.push_back(c); }, {}};
+  test_support::RecordedCommands recorded;
+  std::vector<std::string>& commands = recorded.commands;
 };
 
 TEST_F(ClientTableTest, MatchNeedsTheInterfaceOrTheCurrentFlag) {

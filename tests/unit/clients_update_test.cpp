@@ -7,9 +7,9 @@
 
 #include "clients/table.h"
 #include "clients/update.h"
-#include "common/runner.h"
 #include "common/text.h"
 #include "model/context.h"
+#include "recorded_commands.h"
 
 namespace {
 
@@ -22,11 +22,7 @@ constexpr const char* kOther = "00:11:22:33:44:66";
 
 class UpdateHandler : public ::testing::Test {
  protected:
-  void SetUp() override {
-    clients::init_records(*ctx_);
-    common::set_command_recorder(&recorder_);
-  }
-  void TearDown() override { common::set_command_recorder(nullptr); }
+  void SetUp() override { clients::init_records(*ctx_); }
 
   int update(int code, int ifindex, std::string_view mac, std::optional<std::string_view> ip = nullopt,
              std::optional<std::string_view> extra = nullopt) {
@@ -35,8 +31,7 @@ class UpdateHandler : public ::testing::Test {
   clients::ClientRecord& rec(int slot) { return ctx_->records[slot]; }
 
   std::unique_ptr<daemon_core::DaemonContext> ctx_ = std::make_unique<daemon_core::DaemonContext>();
-  common::CommandRecorder recorder_{[](const std::string&) {},
-                                    [](const std::string&) { return std::optional<std::string>(); }};
+  test_support::RecordedCommands recorded_;
 };
 
 TEST_F(UpdateHandler, RefusalsAndCodesThatTakeNoSlot) {

@@ -8,20 +8,16 @@
 #include "common/runner.h"
 #include "config/taglist.h"
 #include "model/context.h"
+#include "recorded_commands.h"
 #include "snmp/traps.h"
 
 namespace {
 
 constexpr const char* kPrefix = ".1.3.6.1.4.1.9991.100.7.14.17";
 
-// Installs the command recorder for the lifetime of the fixture.
+// Records the commands for the lifetime of the fixture.
 class SnmpTraps : public ::testing::Test {
  protected:
-  void SetUp() override {
-    common::set_command_recorder(&recorder_);
-  }
-  void TearDown() override { common::set_command_recorder(nullptr); }
-
   // The arguments the shell hands to snmptrap for the one recorded command:
   // the command is run with printf standing in for snmptrap.
   std::vector<std::string> shell_arguments() {
@@ -33,15 +29,15 @@ class SnmpTraps : public ::testing::Test {
     command.replace(0, tool.size(), "printf '%s\\n'");
     common::set_command_recorder(nullptr);
     std::istringstream out(common::run_command_read(command).value_or(""));
-    common::set_command_recorder(&recorder_);
+    common::set_command_recorder(&recorded_.recorder);
     std::vector<std::string> args;
     for (std::string line; std::getline(out, line);) args.push_back(line);
     return args;
   }
 
   snmp::EventConfig config_{0, kPrefix, "2c", "my community", "10.0.0.9", 1};
-  std::vector<std::string> commands_;
-  common::CommandRecorder recorder_{[this](const std::string& c) { commands_.push_back(c); }, {}};
+  test_support::RecordedCommands recorded_;
+  std::vector<std::string>& commands_ = recorded_.commands;
 };
 
 TEST_F(SnmpTraps, VlanTrapsCarryHostileSsidsAsOneArgument) {

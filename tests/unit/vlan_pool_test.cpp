@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "common/runner.h"
 #include "model/context.h"
+#include "recorded_commands.h"
 #include "vlan/pool.h"
 #include "vlan/rules.h"
 
@@ -14,14 +14,6 @@ namespace {
 using Pool = std::vector<std::uint16_t>;
 
 constexpr const char* kStation = "00:11:22:33:44:55";
-
-// Records every command instead of running it while in scope.
-struct Recorded {
-  std::vector<std::string> commands;
-  common::CommandRecorder recorder{[this](const std::string& c) { commands.push_back(c); }, {}};
-  Recorded() { common::set_command_recorder(&recorder); }
-  ~Recorded() { common::set_command_recorder(nullptr); }
-};
 
 Pool range(int first, int last, Pool head = {}) {
   for (int v = first; v <= last; ++v) head.push_back(static_cast<std::uint16_t>(v));
@@ -87,7 +79,7 @@ TEST(VlanRules, DownstreamTargetAndCut) {
 }
 
 TEST(VlanRules, StoreNamesAndReplayedRulesArePlain) {
-  Recorded rec;
+  test_support::RecordedCommands rec;
   for (const char* bad : {"", "../../etc/passwd", "AA:BB:CC:DD:EE:FF", "00:11:22:33:44:55/x",
                           "00:11:22:33:44:55 ", "00-11-22-33-44-55"}) {
     EXPECT_FALSE(vlan::is_rule_store_name(bad)) << bad;
@@ -103,7 +95,7 @@ TEST(VlanRules, StoreNamesAndReplayedRulesArePlain) {
 }
 
 TEST(VlanRules, UpdateOutsideBridgeModeOrWithUntaggedVlanChangesNothing) {
-  Recorded rec;
+  test_support::RecordedCommands rec;
   auto ctx = std::make_unique<daemon_core::DaemonContext>();
   clients::ClientRecord record;
   record.mac = kStation;
