@@ -73,7 +73,9 @@ def macauth_still_answers(sandbox):
 
 # (fixed name, what is planted, planted before start-up, the feature behind the name)
 CASES = [(UPTIME, kind, True, reload_still_works) for kind in ("fifo", "link", "dir")]
-CASES += [(STORE, kind, True, vlan_rules_still_work) for kind in ("link", "fifo", "file", "dir")]
+# The store directory is never opened: a FIFO there takes the same way as a
+# file (removed), which the other names' FIFO cases cover for opening.
+CASES += [(STORE, kind, True, vlan_rules_still_work) for kind in ("link", "file", "dir")]
 CASES += [(RULES, kind, False, vlan_rules_still_work) for kind in ("fifo", "link", "dir")]
 CASES += [(REQUEST, kind, False, macauth_still_answers) for kind in ("dir", "fifo", "link")]
 
