@@ -1,6 +1,7 @@
 #include "config/accessors.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +26,24 @@ constexpr std::size_t kMasterKeyBuffer = 64;
 // terminator.
 constexpr std::size_t kWlanValueMax = 127;
 constexpr std::size_t kRadioPrefixMax = 7;
+
+// "<prefix><number><suffix>", the number as "%d" prints it: the status and
+// per-WLAN keys are built so on every lookup, without a printf pass.
+std::string numbered_key(std::string_view prefix, int number, std::string_view suffix) {
+  char digits[12];
+  const auto [end, ec] = std::to_chars(digits, digits + sizeof digits, number);
+  std::string key;
+  key.reserve(prefix.size() + static_cast<std::size_t>(end - digits) + suffix.size());
+  key.append(prefix).append(digits, end).append(suffix);
+  return key;
+}
+
+// A status key, cut as the 64-byte buffer it is formatted into would cut it.
+std::string status_key(std::string_view prefix, int number, std::string_view suffix) {
+  std::string key = numbered_key(prefix, number, suffix);
+  if (key.size() > kStatusKeyMax) key.resize(kStatusKeyMax);
+  return key;
+}
 
 // atoi(): leading blanks, an optional sign, digits; 0 when there are none
 // or the number is not an int.
@@ -74,8 +93,9 @@ std::optional<std::string> get_wireless_status(std::string_view key) {
   std::lock_guard<std::mutex> lock(g_status_mutex);
   if (common::must_read(g_status_file, kWirelessStatusPath))
     g_status = load_taglist_ex(kWirelessStatusPath, 1, nullptr);
-  if (!exist_taglist_key(g_status.get(), key)) return std::nullopt;
-  return std::string(get_taglist_default(g_status.get(), key, ""));
+  const int pos = __search_taglist(g_status.get(), key);
+  if (pos < 0) return std::nullopt;
+  return g_status->items[static_cast<std::size_t>(pos)]->value;
 }
 
 int get_radio_count() {
@@ -91,7 +111,7 @@ int get_radio_count() {
 
 int get_wlan_id(int ath) {
   if (ath < -common::kInterfaceNumberMax || ath > common::kInterfaceNumberMax) return 0;
-  auto wlan = status_number(common::format_cut(kStatusKeyMax, "ATH%d_WLANID", ath));
+  auto wlan = status_number(status_key("ATH", ath, "_WLANID"));
   if (!wlan) return ath + 1;
   // No WLAN number is negative or above 255: such a value names none (0).
   return *wlan >= 0 && *wlan <= common::kInterfaceNumberMax ? *wlan : 0;
@@ -115,30 +135,30 @@ int scan_ath_list(std::string_view text, std::span<int> out) {
 
 int get_ath_id(int wlan, std::span<int> out) {
   if (out.empty() || get_radio_count() < 1) return 0;
-  auto value = get_wireless_status(common::format_cut(kStatusKeyMax, "WLAN%d_ATH_LIST", wlan));
+  auto value = get_wireless_status(status_key("WLAN", wlan, "_ATH_LIST"));
   if (!value) return 0;
   return scan_ath_list(*value, out);
 }
 
 int get_radio_id(int ath) {
-  const int radio = status_number(common::format_cut(kStatusKeyMax, "ATH%d_RADIO", ath)).value_or(0);
+  const int radio = status_number(status_key("ATH", ath, "_RADIO")).value_or(0);
   return radio >= 0 && radio < kRadioCountMax ? radio : 0;
 }
 
 int get_radio_id_by_wlan(int wlan) {
   const int radio =
-      status_number(common::format_cut(kStatusKeyMax, "WLAN%d_RADIO_LIST", wlan)).value_or(0);
+      status_number(status_key("WLAN", wlan, "_RADIO_LIST")).value_or(0);
   return radio >= 0 && radio < kRadioCountMax ? radio : 0;
 }
 
 std::string get_radio_dev_name(int radio) {
-  return get_wireless_status(common::format_cut(kStatusKeyMax, "WIFI%d_DEV", radio))
+  return get_wireless_status(status_key("WIFI", radio, "_DEV"))
       .value_or("wifi0");
 }
 
 std::string get_radio_prefix_by_radio(int radio) {
   auto value =
-      get_wireless_status(common::format_cut(kStatusKeyMax, "WIFI%d_RADIO_CONF_PREFIX", radio));
+      get_wireless_status(status_key("WIFI", radio, "_RADIO_CONF_PREFIX"));
   std::lock_guard<std::mutex> lock(g_radio_prefix_mutex);
   if (value) g_radio_prefix = common::cut(*value, kRadioPrefixMax);
   return g_radio_prefix;
@@ -147,7 +167,7 @@ std::string get_radio_prefix_by_radio(int radio) {
 std::string get_radio_prefix_by_ath(int ath) { return get_radio_prefix_by_radio(get_radio_id(ath)); }
 
 int get_snmp_trap_radio_band(int radio) {
-  auto value = get_wireless_status(common::format_cut(kStatusKeyMax, "WIFI%d_RADIO_POLICY", radio));
+  auto value = get_wireless_status(status_key("WIFI", radio, "_RADIO_POLICY"));
   if (!value) return 0;
   return (*value == "a" || *value == "na") ? 1 : 0;
 }
@@ -165,8 +185,11 @@ std::optional<std::string> get_config_masterconf(const taglist* list, std::size_
 
 std::optional<std::string> get_wlan_config_masterconf(const taglist* list, std::size_t length,
                                                       int ath, std::string_view name) {
-  std::string setting(name);
-  return get_config_masterconf(list, length, "WLAN%d_%s", get_wlan_id(ath), setting.c_str());
+  // As "WLAN%d_%s" formatted into the 64-byte key buffer: a name ends at a
+  // NUL, and a key that does not fit finds nothing.
+  const std::string key = numbered_key("WLAN", get_wlan_id(ath), "_").append(name.substr(0, name.find('\0')));
+  if (key.size() >= kMasterKeyBuffer) return std::nullopt;
+  return common::cut(get_taglist_default(list, key, ""), length);
 }
 
 std::string get_wlan_ssid(const taglist* list, int ath) { return wlan_value(list, ath, "SSID"); }
