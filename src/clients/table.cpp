@@ -30,13 +30,38 @@ constexpr std::size_t kQueryLineMax = 256;
 
 char ascii_lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
+// Quick rejection eight characters at a time: setting bit 5 of every byte
+// turns upper-case letters into lower-case ones and maps characters that
+// compare equal below to equal bytes, so words that still differ hold a
+// real difference.
+constexpr std::uint64_t kFold = 0x2020202020202020ULL;
+
+// What a table walk looking for one MAC compares first, with no call: the
+// length and the folded last eight characters, where the stations of one
+// table mostly differ. A match is then confirmed by mac_equal.
+struct MacTail {
+  std::size_t size = 0;
+  std::uint64_t tail = 0;
+};
+
+MacTail mac_tail(std::string_view mac) {
+  MacTail t;
+  t.size = mac.size();
+  if (mac.size() >= 8) std::memcpy(&t.tail, mac.data() + mac.size() - 8, 8);
+  t.tail |= kFold;
+  return t;
+}
+
+inline bool may_equal(const MacTail& probe, std::string_view mac) {
+  if (mac.size() != probe.size) return false;
+  if (mac.size() < 8) return true;
+  std::uint64_t x = 0;
+  std::memcpy(&x, mac.data() + mac.size() - 8, 8);
+  return (x | kFold) == probe.tail;
+}
+
 bool mac_equal(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
-  // Quick rejection eight characters at a time: setting bit 5 of every byte
-  // turns upper-case letters into lower-case ones and maps characters that
-  // compare equal below to equal bytes, so words that still differ hold a
-  // real difference.
-  constexpr std::uint64_t kFold = 0x2020202020202020ULL;
   const auto differ = [&](std::size_t i) {
     std::uint64_t x = 0, y = 0;
     std::memcpy(&x, a.data() + i, 8);
@@ -120,6 +145,7 @@ Lookup lookup_record(const daemon_core::DaemonContext& ctx, std::string_view mac
   Lookup result;
   result.walk_end = ctx.client_count;
   const std::uint32_t end = used_range(ctx);
+  const MacTail probe = mac_tail(mac);
 
   // c ends as a free slot of the used range when there is one, else as the
   // record with the oldest last_update.
@@ -135,7 +161,7 @@ Lookup lookup_record(const daemon_core::DaemonContext& ctx, std::string_view mac
         c = i;
       }
     }
-    if (slot.in_use != 0 && mac_equal(slot.mac, mac) &&
+    if (slot.in_use != 0 && may_equal(probe, slot.mac) && mac_equal(slot.mac, mac) &&
         (slot.ifindex == ifindex || (ifindex < 0 && slot.current == 1))) {
       result.found = true;
       result.slot = static_cast<int>(i);
@@ -159,9 +185,10 @@ int take_slot(daemon_core::DaemonContext& ctx, const Lookup& lookup) {
 
 int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view mac) {
   const ClientRecord* latest = nullptr;
+  const MacTail probe = mac_tail(mac);
   for (std::uint32_t i = 0; i < used_range(ctx); ++i) {
     const ClientRecord& record = ctx.records[i];
-    if (!mac_equal(record.mac, mac) || record.assoc_uptime <= record.disassoc_uptime) continue;
+    if (!may_equal(probe, record.mac) || !mac_equal(record.mac, mac) || record.assoc_uptime <= record.disassoc_uptime) continue;
     if (!latest || record.assoc_uptime > latest->assoc_uptime) latest = &record;
   }
   if (latest) return latest->ifindex;
@@ -197,9 +224,12 @@ std::int64_t earliest_deadline(const daemon_core::DaemonContext& ctx) {
 }
 
 void clear_current_elsewhere(daemon_core::DaemonContext& ctx, std::string_view mac, int keep) {
+  const MacTail probe = mac_tail(mac);
   for (int i = 0; i < kClientSlots; ++i) {
     // Clearing a flag that is clear already changes nothing.
-    if (i == keep || ctx.records[i].current == 0 || !mac_equal(ctx.records[i].mac, mac)) continue;
+    if (i == keep || ctx.records[i].current == 0 || !may_equal(probe, ctx.records[i].mac) ||
+        !mac_equal(ctx.records[i].mac, mac))
+      continue;
     ctx.records[i].current = 0;
     mark_lines_changed(ctx.records[i]);
   }
