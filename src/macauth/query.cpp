@@ -6,6 +6,7 @@
 // before any command runs (radclient, iwpriv, snmptrap, ebtables).
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -294,11 +295,19 @@ int reap_workers() {
       g_worker_slots[i] = WorkerSlot{};
     }
   }
+  int joined = 0;
   for (WorkerSlot& slot : ended) {
     if (slot.stack == nullptr) continue;
     pthread_join(slot.thread, nullptr);  // it marked itself done as its last step
     ::munmap(slot.stack, kStackMapping);
+    ++joined;
   }
+#if defined(__GLIBC__) && !defined(__UCLIBC__)
+  // The last worker of a burst is gone: the heap pages its jobs, requests
+  // and answers dirtied are handed back, so a burst leaves no lasting growth
+  // (glibc keeps freed pages below its top chunk otherwise).
+  if (joined > 0 && running == 0) malloc_trim(0);
+#endif
   return running;
 }
 
