@@ -37,12 +37,21 @@ shadow() {
 
 upper=$sb/etc-upper work=$sb/etc-work
 if [ -f "$sb/etc-size" ]; then
-	# /etc's writable layer on a tmpfs of that size, which a test can fill
+	# what is written to /etc goes to a tmpfs of that size, which a test can fill
 	mount -t tmpfs -o "size=$(cat "$sb/etc-size")" sandbox "$sb/etc-rw"
-	cp -a "$upper" "$sb/etc-rw/upper" && mkdir "$sb/etc-rw/work"
-	upper=$sb/etc-rw/upper work=$sb/etc-rw/work
 fi
-mount -t overlay overlay -o "lowerdir=/etc,upperdir=$upper,workdir=$work" /etc
+if [ -f "$sb/etc-copy" ]; then
+	# /etc is that tmpfs itself, holding a copy of the host's /etc and the
+	# sandbox's files: no overlay, as on a device whose /etc is in RAM
+	cp -a /etc/. "$upper/." "$sb/etc-rw/"
+	mount --bind "$sb/etc-rw" /etc
+else
+	if [ -f "$sb/etc-size" ]; then
+		cp -a "$upper" "$sb/etc-rw/upper" && mkdir "$sb/etc-rw/work"
+		upper=$sb/etc-rw/upper work=$sb/etc-rw/work
+	fi
+	mount -t overlay overlay -o "lowerdir=/etc,upperdir=$upper,workdir=$work" /etc
+fi
 mount --bind "$sb/tmp" /tmp
 mount --bind "$sb/run" /run
 [ -L /var/run ] || mount --bind "$sb/run" /var/run

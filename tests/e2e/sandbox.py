@@ -114,9 +114,15 @@ class _SyslogCollector:
                 except BlockingIOError:
                     return list(self._records)
 
-    def close(self):
+    def pause(self):
+        """Stops reading until records() is called (a benchmark's timed
+        event should not share the CPU with this thread); the records wait
+        in the socket meanwhile."""
         self._stop.set()
         self._thread.join()
+
+    def close(self):
+        self.pause()
         self._sock.close()
 
 
@@ -124,9 +130,11 @@ class Sandbox:
     """One private world for one daemon run, created with everything stubbed,
     no interfaces and an empty master configuration; close() removes it.
     etc_size (tmpfs size, e.g. "1m") puts what is written to /etc on a
-    file system of that size, which a test can fill."""
+    file system of that size, which a test can fill. With etc_copy that
+    tmpfs is /etc itself, a copy of the host's (a benchmark's /etc in RAM);
+    otherwise /etc is an overlay over the host's."""
 
-    def __init__(self, etc_size=None):
+    def __init__(self, etc_size=None, etc_copy=False):
         build = Path(os.environ.get("CLIENTMGR_BUILD", REPO / "build"))
         self.daemon_path, self.shim_path = build / "clientmgr", build / "clientmgr_shim.so"
         for f in (self.daemon_path, self.shim_path):
@@ -148,6 +156,8 @@ class Sandbox:
             if etc_size:
                 (self.root / "etc-rw").mkdir()
                 (self.root / "etc-size").write_text(etc_size)
+                if etc_copy:
+                    (self.root / "etc-copy").write_text("")
             self._start_namespace()
         except BaseException:
             self.close()
