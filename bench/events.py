@@ -12,7 +12,7 @@ run as root) and prints every figure as a ratio against its floor or its
                 running the same command texts through /bin/sh -c one after
                 another in the same sandbox (wall clock, median of --runs)
   single        one association, "Registered" line in to the station in
-                /etc/clientip_assoc, vs the same floor (median of 10 x --runs
+                /etc/clientip_assoc, vs the same floor (median of 30 x --runs
                 ratios, each run beside its own floor, the median of five
                 spawns; the daemon has handled one association before, as a
                 running one has, and the first association after start-up is
@@ -382,7 +382,7 @@ def single(args):
     sb = new_bench()
     try:
         first, daemon, floor = [], [], []
-        runs = 10 * args.runs
+        runs = 30 * args.runs
         sb.pause_syslog()
         for _ in range(runs):
             sb.restart()
