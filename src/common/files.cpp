@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <vector>
 
 namespace common {
 
@@ -124,34 +123,27 @@ int replace_file_atomically(const std::string& destination,
                             std::span<const std::string_view> pieces) {
   // The temporary file sits beside the destination so that rename() never
   // crosses a file system; readers see the old or the new file, never a part.
-  std::string dir = ".";
-  std::string base = destination;
-  if (auto slash = destination.rfind('/'); slash != std::string::npos) {
-    dir = slash == 0 ? "/" : destination.substr(0, slash);
-    base = destination.substr(slash + 1);
-  }
-  // The temporary name is this process's own and the same every time
-  // (".<name>.<pid>"): the directory cache knows it from the last rewrite,
-  // while a random name costs a fresh lookup on every write (on an overlay,
-  // one in each layer). Should that name be taken (left by a process that
-  // died, or put there by someone else), a random one is used as before.
-  const std::string prefix = (dir == "/" ? std::string() : dir) + "/." + base + ".";
-  std::string tmpl = prefix + std::to_string(::getpid());
-  std::vector<char> name(tmpl.begin(), tmpl.end());
-  name.push_back('\0');
+  // Its name is this process's own and the same every time (".<name>.<pid>"):
+  // the directory cache knows it from the last rewrite, while a random name
+  // costs a fresh lookup on every write (on an overlay, one in each layer).
+  // Should that name be taken (left by a process that died, or put there by
+  // someone else), a random one is used instead.
+  const auto slash = destination.rfind('/');
+  const std::string prefix = slash == std::string::npos
+                                 ? "./." + destination + "."
+                                 : destination.substr(0, slash + 1) + "." + destination.substr(slash + 1) + ".";
+  std::string name = prefix + std::to_string(::getpid());
   // Mode 0600 (as mkstemp makes it), the mode the replaced file keeps.
-  int fd = ::open(name.data(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  int fd = ::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0 && errno == EEXIST) {
-    tmpl = prefix + "XXXXXX";
-    name.assign(tmpl.begin(), tmpl.end());
-    name.push_back('\0');
+    name = prefix + "XXXXXX";
     fd = ::mkostemp(name.data(), O_CLOEXEC);
   }
   if (fd < 0) return -1;
   bool ok = write_all(fd, pieces);
   if (::close(fd) != 0) ok = false;
-  if (ok && ::rename(name.data(), destination.c_str()) == 0) return 0;
-  ::unlink(name.data());
+  if (ok && ::rename(name.c_str(), destination.c_str()) == 0) return 0;
+  ::unlink(name.c_str());
   return -1;
 }
 

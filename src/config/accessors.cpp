@@ -1,7 +1,6 @@
 #include "config/accessors.h"
 
 #include <atomic>
-#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -30,11 +29,9 @@ constexpr std::size_t kRadioPrefixMax = 7;
 // "<prefix><number><suffix>", the number as "%d" prints it: the status and
 // per-WLAN keys are built so on every lookup, without a printf pass.
 std::string numbered_key(std::string_view prefix, int number, std::string_view suffix) {
-  char digits[12];
-  const auto [end, ec] = std::to_chars(digits, digits + sizeof digits, number);
-  std::string key;
-  key.reserve(prefix.size() + static_cast<std::size_t>(end - digits) + suffix.size());
-  key.append(prefix).append(digits, end).append(suffix);
+  std::string key(prefix);
+  key += std::to_string(number);
+  key += suffix;
   return key;
 }
 
