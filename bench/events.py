@@ -401,6 +401,10 @@ def single(args):
         runs = 30 * args.runs
         notifier = "C" if use_c_notifier(sb) else "Python (no C compiler)"
         sb.pause_syslog()
+        # What earlier figures wrote (the burst's logs) is written back now,
+        # not during the timed runs.
+        os.sync()
+        time.sleep(1)
         for _ in range(runs):
             sb.restart()
             first.append(timed_association(sb, 1))
