@@ -64,12 +64,20 @@ std::mutex g_status_mutex;
 common::LookedAtFile g_status_file;  // guarded by g_status_mutex
 TaglistPtr g_status;                  // guarded by g_status_mutex; null when unreadable
 
+// The value of a key as the 64-byte key buffer holds it: a key that does
+// not fit finds nothing.
+std::optional<std::string> masterconf_value(const taglist* list, std::size_t length,
+                                            std::string_view key) {
+  if (key.size() >= kMasterKeyBuffer) return std::nullopt;
+  return common::cut(get_taglist_default(list, key, ""), length);
+}
+
 std::optional<std::string> masterconf_value(const taglist* list, std::size_t length,
                                             const char* key_pattern, va_list args) {
   char key[kMasterKeyBuffer] = {};
   int needed = std::vsnprintf(key, sizeof key, key_pattern, args);
   if (needed < 0 || static_cast<std::size_t>(needed) >= sizeof key) return std::nullopt;
-  return common::cut(get_taglist_default(list, key, ""), length);
+  return masterconf_value(list, length, std::string_view(key, static_cast<std::size_t>(needed)));
 }
 
 std::string wlan_value(const taglist* list, int ath, const char* name) {
@@ -182,11 +190,9 @@ std::optional<std::string> get_config_masterconf(const taglist* list, std::size_
 
 std::optional<std::string> get_wlan_config_masterconf(const taglist* list, std::size_t length,
                                                       int ath, std::string_view name) {
-  // As "WLAN%d_%s" formatted into the 64-byte key buffer: a name ends at a
-  // NUL, and a key that does not fit finds nothing.
+  // As "WLAN%d_%s" formats it: the name ends at a NUL.
   const std::string key = numbered_key("WLAN", get_wlan_id(ath), "_").append(name.substr(0, name.find('\0')));
-  if (key.size() >= kMasterKeyBuffer) return std::nullopt;
-  return common::cut(get_taglist_default(list, key, ""), length);
+  return masterconf_value(list, length, key);
 }
 
 std::string get_wlan_ssid(const taglist* list, int ath) { return wlan_value(list, ath, "SSID"); }
