@@ -36,30 +36,6 @@ char ascii_lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c -
 // real difference.
 constexpr std::uint64_t kFold = 0x2020202020202020ULL;
 
-// What a table walk looking for one MAC compares first, with no call: the
-// length and the folded last eight characters, where the stations of one
-// table mostly differ. A match is then confirmed by mac_equal.
-struct MacTail {
-  std::size_t size = 0;
-  std::uint64_t tail = 0;
-};
-
-MacTail mac_tail(std::string_view mac) {
-  MacTail t;
-  t.size = mac.size();
-  if (mac.size() >= 8) std::memcpy(&t.tail, mac.data() + mac.size() - 8, 8);
-  t.tail |= kFold;
-  return t;
-}
-
-inline bool may_equal(const MacTail& probe, std::string_view mac) {
-  if (mac.size() != probe.size) return false;
-  if (mac.size() < 8) return true;
-  std::uint64_t x = 0;
-  std::memcpy(&x, mac.data() + mac.size() - 8, 8);
-  return (x | kFold) == probe.tail;
-}
-
 bool mac_equal(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   const auto differ = [&](std::size_t i) {
@@ -68,13 +44,37 @@ bool mac_equal(std::string_view a, std::string_view b) {
     std::memcpy(&y, b.data() + i, 8);
     return (x | kFold) != (y | kFold);
   };
-  // Stations of one table differ mostly in their last bytes: that word first.
-  if (a.size() >= 8 && differ(a.size() - 8)) return false;
   for (std::size_t i = 0; i + 8 <= a.size(); i += 8)
     if (differ(i)) return false;
   for (std::size_t i = 0; i < a.size(); ++i)
     if (ascii_lower(a[i]) != ascii_lower(b[i])) return false;
   return true;
+}
+
+// One MAC that a table walk looks for. Each record's MAC is first compared
+// by length and by its folded last eight characters, where the stations of
+// one table mostly differ, with no call; only a record that passes goes
+// through mac_equal. The check is inlined into each walk.
+struct MacProbe {
+  std::string_view mac;
+  std::uint64_t tail = 0;
+};
+
+MacProbe mac_probe(std::string_view mac) {
+  MacProbe probe{mac};
+  if (mac.size() >= 8) std::memcpy(&probe.tail, mac.data() + mac.size() - 8, 8);
+  probe.tail |= kFold;
+  return probe;
+}
+
+[[gnu::always_inline]] inline bool matches(const MacProbe& probe, std::string_view mac) {
+  if (mac.size() != probe.mac.size()) return false;
+  if (mac.size() >= 8) {
+    std::uint64_t x = 0;
+    std::memcpy(&x, mac.data() + mac.size() - 8, 8);
+    if ((x | kFold) != probe.tail) return false;
+  }
+  return mac_equal(mac, probe.mac);
 }
 
 std::uint32_t used_range(const daemon_core::DaemonContext& ctx) {
@@ -145,7 +145,7 @@ Lookup lookup_record(const daemon_core::DaemonContext& ctx, std::string_view mac
   Lookup result;
   result.walk_end = ctx.client_count;
   const std::uint32_t end = used_range(ctx);
-  const MacTail probe = mac_tail(mac);
+  const MacProbe probe = mac_probe(mac);
 
   // c ends as a free slot of the used range when there is one, else as the
   // record with the oldest last_update.
@@ -161,7 +161,7 @@ Lookup lookup_record(const daemon_core::DaemonContext& ctx, std::string_view mac
         c = i;
       }
     }
-    if (slot.in_use != 0 && may_equal(probe, slot.mac) && mac_equal(slot.mac, mac) &&
+    if (slot.in_use != 0 && matches(probe, slot.mac) &&
         (slot.ifindex == ifindex || (ifindex < 0 && slot.current == 1))) {
       result.found = true;
       result.slot = static_cast<int>(i);
@@ -185,10 +185,10 @@ int take_slot(daemon_core::DaemonContext& ctx, const Lookup& lookup) {
 
 int resolve_station_interface(daemon_core::DaemonContext& ctx, std::string_view mac) {
   const ClientRecord* latest = nullptr;
-  const MacTail probe = mac_tail(mac);
+  const MacProbe probe = mac_probe(mac);
   for (std::uint32_t i = 0; i < used_range(ctx); ++i) {
     const ClientRecord& record = ctx.records[i];
-    if (!may_equal(probe, record.mac) || !mac_equal(record.mac, mac) || record.assoc_uptime <= record.disassoc_uptime) continue;
+    if (!matches(probe, record.mac) || record.assoc_uptime <= record.disassoc_uptime) continue;
     if (!latest || record.assoc_uptime > latest->assoc_uptime) latest = &record;
   }
   if (latest) return latest->ifindex;
@@ -224,12 +224,10 @@ std::int64_t earliest_deadline(const daemon_core::DaemonContext& ctx) {
 }
 
 void clear_current_elsewhere(daemon_core::DaemonContext& ctx, std::string_view mac, int keep) {
-  const MacTail probe = mac_tail(mac);
+  const MacProbe probe = mac_probe(mac);
   for (int i = 0; i < kClientSlots; ++i) {
     // Clearing a flag that is clear already changes nothing.
-    if (i == keep || ctx.records[i].current == 0 || !may_equal(probe, ctx.records[i].mac) ||
-        !mac_equal(ctx.records[i].mac, mac))
-      continue;
+    if (i == keep || ctx.records[i].current == 0 || !matches(probe, ctx.records[i].mac)) continue;
     ctx.records[i].current = 0;
     mark_lines_changed(ctx.records[i]);
   }
