@@ -193,6 +193,16 @@ SplitCommand split_command(std::string_view c) {
     ++i;
   }
   end_word();
+  // The notifier's call up to its message's opening quote is the template's
+  // with the daemon's own event code: a value that copies "21 \"" copies it.
+  constexpr std::string_view kNotifierCall = "tavo_client  -E ";
+  for (std::size_t at = c.find(kNotifierCall); at != std::string_view::npos;
+       at = c.find(kNotifierCall, at + 1)) {
+    std::size_t k = at + kNotifierCall.size();
+    while (k < c.size() && c[k] >= '0' && c[k] <= '9') ++k;
+    if (c.substr(k, 2) == " \"")
+      for (std::size_t m = at; m < k + 2; ++m) out.template_owned[m] = true;
+  }
   return out;
 }
 
